@@ -1,0 +1,26 @@
+// Log lines of the web server: red error lines on standard error, debug traces and plain
+// progress lines on standard output. Each call writes its line with a single write(2), so
+// lines of two threads never interleave.
+#pragma once
+
+#include <cstddef>
+
+void log_error_line(const char *file, int line, const char *func, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+void log_debug_line(const char *file, int line, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+void log_print(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Writes the bytes to fd in full (retrying short writes and EINTR); the building block of
+// the functions above, also used for lines formatted elsewhere.
+void log_write_all(int fd, const char *text, size_t len);
+
+// The module folder of a source path, e.g. "apps/app_web/src/common" for
+// "apps/app_web/src/common/log.cpp"; returns the length of that prefix.
+int log_module_length(const char *file);
+
+// Error line: "\033[1;31m<ERROR! module:line, function>: " message "\033[0m" on stderr.
+#define HTTP_ERROR(...) log_error_line(__FILE__, __LINE__, __func__, __VA_ARGS__)
+// Debug trace: "<DEBUG file module, line N>: " message on stdout.
+#define HTTP_DEBUG(...) log_debug_line(__FILE__, __LINE__, __VA_ARGS__)
+// Progress line: the message as it stands, on stdout.
+#define HTTP_PRINT(...) log_print(__VA_ARGS__)

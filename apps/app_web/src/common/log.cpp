@@ -80,16 +80,33 @@ int log_module_length(const char *file)
     return slash ? static_cast<int>(slash - file) : static_cast<int>(strlen(file));
 }
 
-void log_error_line(const char *file, int line, const char *func, const char *fmt, ...)
+namespace {
+
+void error_line(const char *file, int line, const char *func, const char *fmt, va_list ap)
 {
     LineBuilder b;
     b.append("\033[1;31m<ERROR! %.*s:%d, %s>: ", log_module_length(file), file, line, func);
-    va_list ap;
-    va_start(ap, fmt);
     b.appendv(fmt, ap);
-    va_end(ap);
     b.append("\033[0m");
     b.write_to(STDERR_FILENO);
+}
+
+} // namespace
+
+void log_error_line(const char *file, int line, const char *func, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    error_line(file, line, func, fmt, ap);
+    va_end(ap);
+}
+
+void log_error_at(const LogSite &site, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    error_line(site.file, site.line, site.func, fmt, ap);
+    va_end(ap);
 }
 
 void log_debug_line(const char *file, int line, const char *fmt, ...)

@@ -10,6 +10,15 @@ void log_error_line(const char *file, int line, const char *func, const char *fm
 void log_debug_line(const char *file, int line, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 void log_print(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// Where a line is written from; lets a shared helper write its lines in its caller's name.
+struct LogSite {
+    const char *file;
+    int line;
+    const char *func;
+};
+#define LOG_HERE (LogSite{__FILE__, __LINE__, __func__})
+void log_error_at(const LogSite &site, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
 // Writes the bytes to fd in full (retrying short writes and EINTR); the building block of
 // the functions above, also used for lines formatted elsewhere.
 void log_write_all(int fd, const char *text, size_t len);

@@ -10,10 +10,6 @@
 
 namespace accounts {
 
-const std::string kConfigDir = "/mnt/usr/config/app_parameters";
-const std::string kAccountFile = kConfigDir + "/usermgnt_para";
-const std::string kTavelDigest = "45b5d899e8cbbf16302d286d2c2f8e9d";
-
 std::string image(const std::vector<Account> &accounts)
 {
     std::string img(2048, '\0');

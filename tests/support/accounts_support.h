@@ -9,9 +9,10 @@
 
 namespace accounts {
 
-extern const std::string kConfigDir;    // directory of the account file
-extern const std::string kAccountFile;  // the account file
-extern const std::string kTavelDigest;  // digest text of the default password "tavel"
+// Inline, so that tests may use them in their own globals.
+inline const std::string kConfigDir = "/mnt/usr/config/app_parameters";
+inline const std::string kAccountFile = kConfigDir + "/usermgnt_para";
+inline const std::string kTavelDigest = "45b5d899e8cbbf16302d286d2c2f8e9d";  // of the default password "tavel"
 
 using Account = std::pair<std::string, std::string>;  // name, digest text
 

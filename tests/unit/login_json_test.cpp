@@ -6,128 +6,80 @@
 #include "json2c/login_json.h"
 #include "testsupport.h"
 
-#include <functional>
 #include <gtest/gtest.h>
 
 namespace {
 
 using accounts::has_error_line;
 
-struct Refusal {
-    const char *body;
-    int code;
-    const char *line;
-};
-
-// Runs each refused body through parse and expects its code and its error line.
-void expect_refusals(const std::function<int(const char *)> &parse, const std::vector<Refusal> &cases)
+TEST(LoginJson, LoginBodyYieldsCredentialsAndATimeoutOfAtLeastOne)
 {
-    for (const Refusal &c : cases) {
-        ts::Capture err(2);
-        EXPECT_EQ(c.code, parse(c.body)) << (c.body ? c.body : "<null>");
-        std::string text = err.text();
-        EXPECT_TRUE(has_error_line(text, c.line)) << (c.body ? c.body : "<null>") << "\n" << text;
-    }
-}
-
-TEST(LoginBody, CredentialsAndTimeoutAreTakenWithTheDefaultBelowOne)
-{
-    const std::pair<const char *, int> timeouts[] = {
-        {"600", 600}, {"1", 1}, {"true", 1}, {"0", 1800}, {"-5", 1800}, {"0.5", 1800},
-    };
+    const std::pair<const char *, int> timeouts[] = {{"600", 600}, {"true", 1}, {"0", 1800}, {"-5", 1800}};
     for (const auto &[value, expected] : timeouts) {
-        std::string body = std::string(R"({"username":"admin","password":"p\"w","timeout":)") + value + "}";
+        std::string body =
+            R"({"username":")" + std::string(70, 'n') + R"(","password":"p\"w","timeout":)" + value + "}";
         LoginParam login{};
         int timeout = -7;
         ASSERT_EQ(0, getLoginParamFromJSON(body.c_str(), &login, &timeout)) << body;
-        EXPECT_STREQ("admin", login.username);
+        EXPECT_EQ(std::string(63, 'n'), login.username);
         EXPECT_STREQ("p\"w", login.password);
         EXPECT_EQ(expected, timeout) << value;
     }
-    std::string body = R"({"username":")" + std::string(70, 'n') + R"(","password":"x","timeout":9})";
-    LoginParam login{};
-    int timeout = 0;
-    ASSERT_EQ(0, getLoginParamFromJSON(body.c_str(), &login, &timeout));
-    EXPECT_EQ(std::string(63, 'n'), login.username);
-}
-
-TEST(LoginBody, UnusableBodiesAreRefusedWithTheirLines)
-{
-    LoginParam login{};
-    int timeout = 0;
-    expect_refusals([&](const char *body) { return getLoginParamFromJSON(body, &login, &timeout); },
-                    {
-                        {nullptr, -2, "Invalid params\n"},
-                        {"{\"username\":", -15, "json pack into cjson error...\n"},
-                        {R"({"password":"x","timeout":9})", -2, "username is empty or error value type : -1\n"},
-                        {R"({"username":"","password":"x","timeout":9})", -2,
-                         "username is empty or error value type : 16\n"},
-                        {R"({"username":"a","password":5,"timeout":9})", -2,
-                         "password is empty or error value type : 8\n"},
-                        {R"({"username":"a","password":"x"})", -2, "timeout is empty or error value type : -1\n"},
-                        {R"({"username":"a","password":"x","timeout":"60"})", -2,
-                         "timeout is empty or error value type : 16\n"},
-                    });
-    ts::Capture err(2);
-    EXPECT_EQ(-2, getLoginParamFromJSON("{}", nullptr, &timeout));
-    EXPECT_EQ(-2, getLoginParamFromJSON("{}", &login, nullptr));
-}
-
-TEST(VerificationAnswer, ValidationFlagIsReadFromAnOkAnswer)
-{
-    const std::pair<const char *, int> answers[] = {
-        {R"({"Result":"OK","Parameters":{"PassValidation":1}})", 1},
-        {R"({"Result":"OK","Parameters":{"PassValidation":0}})", 0},
-        {R"({"Parameters":{"PassValidation":true},"Result":"OK","Extra":[]})", 1},
-    };
-    for (const auto &[answer, expected] : answers) {
-        int valid = -7;
-        EXPECT_EQ(0, getLoginParamFromJSON_msg(answer, &valid)) << answer;
-        EXPECT_EQ(expected, valid) << answer;
-    }
-}
-
-TEST(VerificationAnswer, FailedOrMalformedAnswersAreRefused)
-{
-    int valid = 0;
-    expect_refusals([&](const char *answer) { return getLoginParamFromJSON_msg(answer, &valid); },
-                    {
-                        {nullptr, -2, "Invalid params\n"},
-                        {"OK", -15, "json pack into cjson error...\n"},
-                        {R"({"Result":"Fail","Parameters":{"PassValidation":1}})", -2,
-                         " Result is empty or error value type \n"},
-                        {R"({"Result":"ok","Parameters":{"PassValidation":1}})", -2,
-                         " Result is empty or error value type \n"},
-                        {R"({"Result":1})", -2, " Result is empty or error value type \n"},
-                        {R"({"Result":"OK"})", -2, " object is empty or error value type \n"},
-                        {R"({"Result":"OK","Parameters":[1]})", -2, " object is empty or error value type \n"},
-                        {R"({"Result":"OK","Parameters":{}})", -2,
-                         "PassValidation is empty or error value type : -1\n"},
-                        {R"({"Result":"OK","Parameters":{"PassValidation":"1"}})", -2,
-                         "PassValidation is empty or error value type : 16\n"},
-                    });
-}
-
-TEST(LogoutBody, SessionIdIsCopiedCutToTheBuffer)
-{
+    int valid = -7;
+    EXPECT_EQ(0, getLoginParamFromJSON_msg(R"({"Parameters":{"PassValidation":true},"Result":"OK"})", &valid));
+    EXPECT_EQ(1, valid);
+    EXPECT_EQ(0, getLoginParamFromJSON_msg(R"({"Result":"OK","Parameters":{"PassValidation":0}})", &valid));
+    EXPECT_EQ(0, valid);
     char id[8];
     EXPECT_EQ(0, getSessionidParamFromJSON(R"({"sessionid":"0123456789"})", id, sizeof id));
     EXPECT_STREQ("0123456", id);
-    EXPECT_EQ(0, getSessionidParamFromJSON(R"({"sessionid":""})", id, sizeof id));
-    EXPECT_STREQ("", id);
-
-    expect_refusals([&](const char *body) { return getSessionidParamFromJSON(body, id, sizeof id); },
-                    {
-                        {nullptr, -2, "Invalid params\n"},
-                        {"sessionid", -15, "json pack into cjson error...\n"},
-                        {R"({"session":"x"})", -2, "sessionid is empty or error value type : -1\n"},
-                        {R"({"sessionid":5})", -2, "sessionid is empty or error value type : 8\n"},
-                    });
-    expect_refusals([&](const char *body) { return getSessionidParamFromJSON(body, id, 0); },
-                    {{R"({"sessionid":"x"})", -2, "Invalid params\n"}});
 }
 
-TEST(VerificationPayload, IsPrintedByteForByte)
+TEST(LoginJson, UnusableTextsAreRefusedWithTheirCodesAndLines)
+{
+    enum Parser { Login, Answer, Logout };
+    const struct {
+        Parser parser;
+        const char *text;
+        int code;
+        const char *line;
+    } cases[] = {
+        {Login, nullptr, -2, "Invalid params\n"},
+        {Login, "{\"username\":", -15, "json pack into cjson error...\n"},
+        {Login, R"({"password":"x","timeout":9})", -2, "username is empty or error value type : -1\n"},
+        {Login, R"({"username":"","password":"x","timeout":9})", -2, "username is empty or error value type : 16\n"},
+        {Login, R"({"username":"a","password":5,"timeout":9})", -2, "password is empty or error value type : 8\n"},
+        {Login, R"({"username":"a","password":"x"})", -2, "timeout is empty or error value type : -1\n"},
+        {Login, R"({"username":"a","password":"x","timeout":"6"})", -2, "timeout is empty or error value type : 16\n"},
+        {Answer, nullptr, -2, "Invalid params\n"},
+        {Answer, "OK", -15, "json pack into cjson error...\n"},
+        {Answer, R"({"Result":"Fail","Parameters":{}})", -2, " Result is empty or error value type \n"},
+        {Answer, R"({"Result":1})", -2, " Result is empty or error value type \n"},
+        {Answer, R"({"Result":"OK"})", -2, " object is empty or error value type \n"},
+        {Answer, R"({"Result":"OK","Parameters":[1]})", -2, " object is empty or error value type \n"},
+        {Answer, R"({"Result":"OK","Parameters":{}})", -2, "PassValidation is empty or error value type : -1\n"},
+        {Answer, R"({"Result":"OK","Parameters":{"PassValidation":"1"}})", -2,
+         "PassValidation is empty or error value type : 16\n"},
+        {Logout, nullptr, -2, "Invalid params\n"},
+        {Logout, "sessionid", -15, "json pack into cjson error...\n"},
+        {Logout, R"({"session":"x"})", -2, "sessionid is empty or error value type : -1\n"},
+        {Logout, R"({"sessionid":5})", -2, "sessionid is empty or error value type : 8\n"},
+    };
+    for (const auto &c : cases) {
+        LoginParam login{};
+        int number = 0;
+        char id[128];
+        ts::Capture err(2);
+        int code = c.parser == Login    ? getLoginParamFromJSON(c.text, &login, &number)
+                   : c.parser == Answer ? getLoginParamFromJSON_msg(c.text, &number)
+                                        : getSessionidParamFromJSON(c.text, id, sizeof id);
+        std::string text = err.text();
+        EXPECT_EQ(c.code, code) << (c.text ? c.text : "<null>");
+        EXPECT_TRUE(has_error_line(text, c.line)) << (c.text ? c.text : "<null>") << "\n" << text;
+    }
+}
+
+TEST(LoginJson, VerificationPayloadIsPrintedByteForByte)
 {
     LoginParam login{};
     copy_field(login.username, sizeof login.username, "admin");
@@ -136,25 +88,18 @@ TEST(VerificationPayload, IsPrintedByteForByte)
     ASSERT_EQ(0, formatLoginMsgParamJSON(&out, &login));
     HeapText text(out);
     EXPECT_STREQ("{\n\t\"UserName\":\t\"admin\",\n\t\"Password\":\t\"pa\\\"ss\",\n\t\"MD5Password\":\t1\n}", out);
-
     ts::Capture err(2);
-    EXPECT_EQ(-2, formatLoginMsgParamJSON(nullptr, &login));
     EXPECT_EQ(-2, formatLoginMsgParamJSON(&out, nullptr));
     EXPECT_TRUE(has_error_line(err.text(), "Invalid input params!\n"));
 }
 
-class PasswordCheck : public ::testing::Test {
-protected:
-    void SetUp() override { accounts::fresh_device(); }
-};
-
-TEST_F(PasswordCheck, MatchesNameAndDigestExactly)
+TEST(PasswordCheck, MatchesAStoredAccountExactlyAndNothingElse)
 {
-    // A fresh device knows only the default account.
-    EXPECT_EQ(1, check_user_pass_valid("admin", accounts::kTavelDigest.c_str()));
+    accounts::fresh_device();
+    EXPECT_EQ(1, check_user_pass_valid("admin", accounts::kTavelDigest.c_str()));  // the default account
     ts::write_file(accounts::kAccountFile, accounts::image({{"admin", "AB12"}, {"bob", "cd34"}}));
     EXPECT_EQ(1, check_user_pass_valid("bob", "cd34"));
-
+    // Case counts; a free slot (empty name and digest) is no account.
     const std::pair<const char *, const char *> wrong[] = {
         {"admin", "ab12"}, {"Bob", "cd34"}, {"bob", "cd3"}, {"bob", "cd345"}, {"", ""}, {"admin", "cd34"},
     };
@@ -165,16 +110,12 @@ TEST_F(PasswordCheck, MatchesNameAndDigestExactly)
     }
     ts::Capture err(2);
     EXPECT_EQ(0, check_user_pass_valid(nullptr, "cd34"));
-    EXPECT_EQ(0, check_user_pass_valid("bob", nullptr));
-    EXPECT_TRUE(has_error_line(err.text(), "failure username and password input...\n"));
-}
-
-TEST_F(PasswordCheck, UnreadableStoreMatchesNobody)
-{
+    ts::remove_tree(accounts::kAccountFile);
     accounts::ReadOnlyDir readonly(accounts::kConfigDir);
-    ts::Capture err(2);
     EXPECT_EQ(0, check_user_pass_valid("admin", accounts::kTavelDigest.c_str()));
-    EXPECT_TRUE(has_error_line(err.text(), "get User params fail!  return : -1\n"));
+    std::string text = err.text();
+    EXPECT_TRUE(has_error_line(text, "failure username and password input...\n"));
+    EXPECT_TRUE(has_error_line(text, "get User params fail!  return : -1\n"));
 }
 
 } // namespace

@@ -4,11 +4,10 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
-#include <vector>
 
 namespace {
 
-std::string hex_of(const unsigned char digest[MD5_DIGEST_SIZE])
+std::string hex_of(const unsigned char *digest)
 {
     char text[64];
     md5_sig_to_string(digest, text, sizeof text);
@@ -22,32 +21,26 @@ std::string md5_hex(const std::string &message)
     return hex_of(digest);
 }
 
-TEST(Md5, MatchesTheRfc1321TestSuite)
+// The RFC 1321 suite, then lengths around the padding boundary (55 bytes fit one block with
+// the length field, 56 need a second) and a whole block.
+TEST(Md5, MatchesKnownDigests)
 {
-    const std::pair<const char *, const char *> suite[] = {
+    const std::pair<std::string, const char *> cases[] = {
         {"", "d41d8cd98f00b204e9800998ecf8427e"},
         {"a", "0cc175b9c0f1b6a831c399e269772661"},
         {"abc", "900150983cd24fb0d6963f7d28e17f72"},
         {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
         {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
         {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", "d174ab98d277d9f5a5611c2c9f419d9f"},
-        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+        {"1234567890123456789012345678901234567890"
+         "1234567890123456789012345678901234567890",
          "57edf4a22be3c955ac49da2e2107b67a"},
+        {std::string(55, 'a'), "ef1772b6dff9a122358552954ad0df65"},
+        {std::string(56, 'a'), "3b0c8ac703f828b04c6c197006d17218"},
+        {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"},
     };
-    for (const auto &[message, digest] : suite)
-        EXPECT_EQ(digest, md5_hex(message)) << '"' << message << '"';
-}
-
-// 55 bytes leave room for the length in the padded block; 56 and more need a second block.
-TEST(Md5, PaddingAroundTheLengthFieldIsCorrect)
-{
-    const std::pair<size_t, const char *> lengths[] = {
-        {55, "ef1772b6dff9a122358552954ad0df65"}, {56, "3b0c8ac703f828b04c6c197006d17218"},
-        {63, "b06521f39153d618550606be297466d5"}, {64, "014842d480b571495a4a0363793f7367"},
-        {65, "c743a45e0d2e6a95cb859adae0248435"},
-    };
-    for (const auto &[n, digest] : lengths)
-        EXPECT_EQ(digest, md5_hex(std::string(n, 'a'))) << n << " bytes";
+    for (const auto &[message, digest] : cases)
+        EXPECT_EQ(digest, md5_hex(message)) << message.size() << " bytes: " << message;
 }
 
 TEST(Md5, PiecesOfAnySizeGiveTheDigestOfOneCall)
@@ -55,28 +48,20 @@ TEST(Md5, PiecesOfAnySizeGiveTheDigestOfOneCall)
     std::string message(300, '\0');
     for (size_t i = 0; i < message.size(); ++i)
         message[i] = static_cast<char>((i * 7 + 3) & 0xff);
-    const char *expected = "3ea74b65673e1390b90da3e462c02f9f";
-    ASSERT_EQ(expected, md5_hex(message));
-
-    const std::vector<std::vector<size_t>> splits = {
-        {1},                          // byte by byte
-        {0, 64, 0, 64, 0},            // whole blocks with empty pieces between
-        {63, 1, 64, 65, 0, 7},        // pieces ending on and straddling block boundaries
-        {10, 54, 128, 3, 55},
-        {299, 1},
-    };
+    // Byte by byte; whole blocks with empty pieces between; pieces ending on and straddling
+    // block boundaries.
+    const std::vector<size_t> splits[] = {{1}, {0, 64, 0}, {63, 1, 64, 65, 0, 7}, {10, 54, 128, 3, 55}};
     for (const auto &sizes : splits) {
         MD5Context ctx;
         MD5Init(&ctx);
-        size_t at = 0;
-        for (size_t k = 0; at < message.size(); ++k) {
+        for (size_t at = 0, k = 0; at < message.size(); ++k) {
             size_t n = std::min(sizes[k % sizes.size()], message.size() - at);
             MD5Update(&ctx, message.data() + at, static_cast<uint32_t>(n));
             at += n;
         }
         unsigned char digest[MD5_DIGEST_SIZE];
         MD5Final(digest, &ctx);
-        EXPECT_EQ(expected, hex_of(digest)) << "first piece " << sizes[0];
+        EXPECT_EQ("3ea74b65673e1390b90da3e462c02f9f", hex_of(digest)) << "first piece " << sizes[0];
     }
 }
 
@@ -88,11 +73,9 @@ TEST(Md5, BitCountCarriesIntoItsHighWordAndFinalWipesTheContext)
     MD5Update(&ctx, "x", 1);
     EXPECT_EQ(0u, ctx.bits[0]);
     EXPECT_EQ(1u, ctx.bits[1]);
-
     unsigned char digest[MD5_DIGEST_SIZE];
     MD5Final(digest, &ctx);
-    MD5Context zero;
-    memset(&zero, 0, sizeof zero);
+    const MD5Context zero{};
     EXPECT_EQ(0, memcmp(&zero, &ctx, sizeof ctx));
 }
 
@@ -101,19 +84,15 @@ TEST(Md5, TextIsWrittenOnlyAsFarAsWholePairsFit)
     unsigned char digest[MD5_DIGEST_SIZE];
     MD5Buffer("abc", 3, digest);
     const std::string hex = "900150983cd24fb0d6963f7d28e17f72";
-    struct Case {
-        int size;
-        std::string written;  // bytes the call changes, terminator included
-    } cases[] = {
+    const std::pair<int, std::string> cases[] = {  // size, the bytes written
         {64, hex + '\0'}, {33, hex + '\0'}, {32, hex}, {31, hex.substr(0, 30) + '\0'},
-        {2, "90"}, {1, std::string("\0", 1)}, {0, ""}, {-1, ""},
+        {2, "90"},        {1, std::string(1, '\0')}, {0, ""},  {-1, ""},
     };
-    for (const Case &c : cases) {
+    for (const auto &[size, written] : cases) {
         char buf[70];
         memset(buf, '#', sizeof buf);
-        md5_sig_to_string(digest, buf, c.size);
-        EXPECT_EQ(c.written + std::string(sizeof buf - c.written.size(), '#'), std::string(buf, sizeof buf))
-            << "size " << c.size;
+        md5_sig_to_string(digest, buf, size);
+        EXPECT_EQ(written + std::string(sizeof buf - written.size(), '#'), std::string(buf, sizeof buf)) << size;
     }
 }
 

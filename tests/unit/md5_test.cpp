@@ -70,6 +70,7 @@ TEST(Md5, BitCountCarriesIntoItsHighWordAndFinalWipesTheContext)
     MD5Context ctx;
     MD5Init(&ctx);
     ctx.bits[0] = 0xfffffff8u;  // as after 2^29 - 1 bytes
+    MD5Update(&ctx, nullptr, 0);  // an empty piece without a buffer, into a partly filled block
     MD5Update(&ctx, "x", 1);
     EXPECT_EQ(0u, ctx.bits[0]);
     EXPECT_EQ(1u, ctx.bits[1]);
@@ -77,6 +78,7 @@ TEST(Md5, BitCountCarriesIntoItsHighWordAndFinalWipesTheContext)
     MD5Final(digest, &ctx);
     const MD5Context zero{};
     EXPECT_EQ(0, memcmp(&zero, &ctx, sizeof ctx));
+
 }
 
 TEST(Md5, TextIsWrittenOnlyAsFarAsWholePairsFit)

@@ -88,6 +88,8 @@ void MD5Init(MD5Context *ctx)
 
 void MD5Update(MD5Context *ctx, const void *data, uint32_t len)
 {
+    if (len == 0)  // an empty piece may come without a buffer
+        return;
     const unsigned char *in = static_cast<const unsigned char *>(data);
     uint32_t used = (ctx->bits[0] >> 3) & (MD5_BLOCK_SIZE - 1);
 

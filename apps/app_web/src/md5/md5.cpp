@@ -45,6 +45,8 @@ void MD5Transform(uint32_t state[4], const unsigned char block[MD5_BLOCK_SIZE])
         x[i] = load_le32(block + 4 * i);
 
     uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
+    // Fully unrolled, so that each step's function, message word and shift are constants.
+#pragma GCC unroll 64
     for (int i = 0; i < 64; ++i) {
         int round = i / 16;
         uint32_t f;

@@ -1,0 +1,33 @@
+#include "c2json/login_json.h"
+
+#include "common/log.h"
+#include "common/owners.h"
+
+#include <cjson/cJSON.h>
+#include <cstring>
+#include <string>
+
+int formatLoginMsgParamJSON(char **out, const LoginParam *login)
+{
+    if (!out || !login) {
+        HTTP_ERROR("Invalid input params!\n");
+        return -2;
+    }
+    *out = nullptr;
+    // The record's fields may be filled to the last byte; never read past them.
+    std::string name(login->username, strnlen(login->username, sizeof login->username));
+    std::string password(login->password, strnlen(login->password, sizeof login->password));
+    CJsonPtr obj(cJSON_CreateObject());
+    if (!obj || !cJSON_AddStringToObject(obj.get(), "UserName", name.c_str()) ||
+        !cJSON_AddStringToObject(obj.get(), "Password", password.c_str()) ||
+        !cJSON_AddNumberToObject(obj.get(), "MD5Password", 1)) {
+        HTTP_ERROR("Out of memory!\n");
+        return -15;
+    }
+    *out = cJSON_Print(obj.get());
+    if (!*out) {
+        HTTP_ERROR("Out of memory!\n");
+        return -15;
+    }
+    return 0;
+}

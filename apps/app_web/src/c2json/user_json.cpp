@@ -1,0 +1,50 @@
+#include "c2json/user_json.h"
+
+#include "common/log.h"
+#include "common/owners.h"
+
+#include <cjson/cJSON.h>
+#include <cstring>
+#include <string>
+
+namespace {
+
+// A stored field as text; a field filled to its last byte (a damaged file) is not read past.
+std::string field_text(const char *field)
+{
+    return std::string(field, strnlen(field, USERMGNT_FIELD_SIZE));
+}
+
+} // namespace
+
+int formatUserParamJSON(char **out, UsermgntConfig config)
+{
+    if (!out) {
+        HTTP_ERROR("Invalid input params!\n");
+        return -2;
+    }
+    *out = nullptr;
+    CJsonPtr list(cJSON_CreateArray());
+    if (!list) {
+        HTTP_ERROR("Out of memory!\n");
+        return -15;
+    }
+    for (const UsermgntUser &slot : config.user) {
+        if (slot.user_name[0] == '\0')
+            break;
+        CJsonPtr item(cJSON_CreateObject());
+        if (!item || !cJSON_AddStringToObject(item.get(), "user_name", field_text(slot.user_name).c_str()) ||
+            !cJSON_AddStringToObject(item.get(), "password", field_text(slot.password).c_str()) ||
+            !cJSON_AddItemToArray(list.get(), item.get())) {
+            HTTP_ERROR("Out of memory!\n");
+            return -15;
+        }
+        item.release();  // now owned by the list
+    }
+    *out = cJSON_Print(list.get());
+    if (!*out) {
+        HTTP_ERROR("Out of memory!\n");
+        return -15;
+    }
+    return 0;
+}

@@ -1,0 +1,21 @@
+#include "json2c/user_json.h"
+
+#include "json2c/json_fields.h"
+
+int getUserParamsFromJSON(const char *json, UsermgntUser *user, int *operation)
+{
+    if (!json || !user || !operation) {
+        HTTP_ERROR("Invalid params!\n");
+        return -2;
+    }
+    CJsonPtr root;
+    int ret = json_parse_text(json, &root, LOG_HERE);
+    if (ret != 0)
+        return ret;
+    const JsonField fields[] = {
+        json_int("operation", operation),
+        json_text("user_name", user->user_name, sizeof user->user_name),
+        json_text("password", user->password, sizeof user->password),
+    };
+    return json_read_fields(root.get(), fields, LOG_HERE);
+}

@@ -11,8 +11,7 @@ HandlerRun call_handler(const std::function<int(char **)> &handler)
     HandlerRun run;
     char *text = nullptr;
     {
-        Capture err(2);
-        Capture out(1);
+        Capture err(2), out(1);
         run.rc = handler(&text);
         run.out = out.text();
         run.err = err.text();

@@ -1,5 +1,6 @@
 #include "c2json/port_json.h"
 
+#include "actions/port_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
 

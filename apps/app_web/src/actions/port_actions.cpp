@@ -1,0 +1,132 @@
+#include "actions/port_actions.h"
+
+#include "actions/reply_text.h"
+#include "c2json/port_json.h"
+#include "common/cfgfile.h"
+#include "common/log.h"
+#include "common/owners.h"
+#include "json2c/port_json.h"
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+constexpr size_t kProbeCommandSize = 32;  // "netstat -tuln | grep " and up to five digits fit
+constexpr size_t kProbeLineSize = 1024;   // one line of netstat's list; its content is not used
+
+struct PipeCloser {
+    void operator()(FILE *f) const { pclose(f); }
+};
+using PipePtr = std::unique_ptr<FILE, PipeCloser>;
+
+bool port_in_range(int port) { return port >= WEB_PORT_MIN && port <= WEB_PORT_MAX; }
+
+// The port file's text, or nullptr when it is missing, empty or unreadable.
+HeapText read_port_file()
+{
+    int length = 0;
+    return HeapText(http_get_datafile(WEB_PORT_FILE, &length));
+}
+
+} // namespace
+
+int actionGetPortParam(const char * /*in_json*/, char **out_json, int *port)
+{
+    if (!out_json)
+        return -2;
+    HeapText stored = read_port_file();
+    if (!stored) {
+        char *text = nullptr;
+        int rc = formatPortParamJSON(&text, WEB_PORT_NONE);
+        if (rc != 0) {
+            HTTP_ERROR("Get http port Fail : %d\n", rc);
+            formatFailCallJSON(out_json, "Failed to get params");
+            return -1;
+        }
+        stored.reset(text);
+        // A failed write shows up as a failed second read below.
+        http_set_jsoncfgfile(WEB_PORT_FILE, stored.get());
+    }
+    // The port comes from a second read, which also proves that a just-created default
+    // file was written.
+    HeapText current = read_port_file();
+    int parsed = 0;
+    if (getPortFormatFromJSON(current.get(), &parsed) != 0) {
+        formatFailCallJSON(out_json, "Failed to get params");
+        return -1;
+    }
+    if (port)
+        *port = parsed;
+    formatParamsJSON(out_json, "Successfully to get params", stored.release());
+    return 0;
+}
+
+int actionSetPortParam(const char *in_json, char **out_json, int *port)
+{
+    if (!out_json)
+        return -2;
+    int parsed = 0;
+    if (getPortFormatFromJSON(in_json, &parsed) != 0) {
+        formatFailCallJSON(out_json, "Failed to set params");
+        return -1;
+    }
+    if (!port_in_range(parsed)) {
+        HTTP_ERROR("http port %d out of range %d-%d\n", parsed, WEB_PORT_MIN, WEB_PORT_MAX);
+        formatFailCallJSON(out_json, "Failed to set params");
+        return -1;
+    }
+    char *formatted = nullptr;
+    int rc = formatPortParamJSON(&formatted, parsed);
+    HeapText text(formatted);
+    if (rc != 0) {
+        HTTP_ERROR("Set http port Fail : %d\n", rc);
+        formatFailCallJSON(out_json, "Failed to set params");
+        return -1;
+    }
+    if (http_set_jsoncfgfile(WEB_PORT_FILE, text.get()) != 0) {
+        HTTP_ERROR("Set http port Fail!\n");
+        formatFailCallJSON(out_json, "Failed to set params");
+        return -1;
+    }
+    if (port)
+        *port = parsed;
+    formatSuccessCallJSON(out_json, "Successfully to set params");
+    return 0;
+}
+
+int actionGetPortStatus(const char *in_json, char **out_json)
+{
+    if (!out_json)
+        return -2;
+    int parsed = 0;
+    if (getPortFormatFromJSON(in_json, &parsed) != 0) {
+        formatFailCallJSON(out_json, "Failed to get params");
+        return -1;
+    }
+    if (!port_in_range(parsed)) {
+        HTTP_ERROR("http port %d out of range %d-%d\n", parsed, WEB_PORT_MIN, WEB_PORT_MAX);
+        formatFailCallJSON(out_json, "Failed to get params");
+        return -1;
+    }
+    // A plain text match: any listening socket whose line holds these digits counts, so
+    // 80 is "in use" while 8080 listens.
+    char command[kProbeCommandSize];
+    snprintf(command, sizeof command, "netstat -tuln | grep %d", parsed);
+    PipePtr pipe(popen(command, "r"));
+    if (!pipe) {
+        HTTP_ERROR("http port popen Fail!\n");
+        formatFailCallJSON(out_json, "Failed to get params");
+        return -1;
+    }
+    char line[kProbeLineSize];
+    bool listed = fgets(line, sizeof line, pipe.get()) != nullptr;
+    pipe.reset();
+    if (listed) {
+        HTTP_ERROR("http port in use\n");
+        formatFailCallJSON(out_json, "http port in use");
+        return -1;
+    }
+    formatSuccessCallJSON(out_json, "Port available");
+    return 0;
+}

@@ -79,7 +79,7 @@ TEST(RoutingTable, ExampleFileFillsEntriesInFileOrder)
     EXPECT_STREQ("/mnt/app/web_root/config/device_cap.json", table[3].cap_path[0]);
     EXPECT_STREQ("", table[4].receiver_name);
     EXPECT_NE(std::string::npos, err.find(">: ###start  GetScanWIFIHotspot app_network ipc:///tmp/app_network.ipc \n"));
-    EXPECT_NE(std::string::npos, err.find(">: ###end  GetDeviceCapability \n"));
+    EXPECT_NE(std::string::npos, err.find(", http_read_config_command>: ###end  GetDeviceCapability \n"));
     EXPECT_EQ(std::string::npos, err.find("command receiver")) << "comments are not traced";
 }
 

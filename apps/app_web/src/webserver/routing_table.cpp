@@ -11,6 +11,9 @@ http_protocol_receiver http_protocol_command[HTTP_PROTOCOL_MAX];
 
 namespace {
 
+// The reader's lines carry its public name, whichever helper writes them.
+#define ROUTING_ERROR(...) log_error_line(__FILE__, __LINE__, "http_read_config_command", __VA_ARGS__)
+
 // Lines shorter than this cannot hold a route and are skipped.
 constexpr size_t kShortestLine = 3;
 
@@ -60,7 +63,7 @@ bool word_fits(const char *path, int line_no, const char *what, const char *word
 {
     if (strlen(word) < size)
         return true;
-    HTTP_ERROR("%s line %d: %s longer than %zu characters\n", path, line_no, what, size - 1);
+    ROUTING_ERROR("%s line %d: %s longer than %zu characters\n", path, line_no, what, size - 1);
     return false;
 }
 
@@ -76,12 +79,12 @@ int read_routing_lines(FILE *file, const char *path)
     while ((got = read_line(file, line, &len)) != 0) {
         ++line_no;
         if (got < 0) {
-            HTTP_ERROR("%s line %d longer than %zu characters\n", path, line_no, HTTP_COMMAND_LINE_MAX);
+            ROUTING_ERROR("%s line %d longer than %zu characters\n", path, line_no, HTTP_COMMAND_LINE_MAX);
             return -1;
         }
         if (len < kShortestLine || line[0] == '#')
             continue;
-        HTTP_ERROR("###start  %s \n", line);
+        ROUTING_ERROR("###start  %s \n", line);
 
         char empty[3] = "";
         char *words[3];
@@ -92,13 +95,13 @@ int read_routing_lines(FILE *file, const char *path)
         bool same = strcmp(words[1], previous) == 0;
         if (!same && previous[0] != '\0') {
             if (++sum == HTTP_PROTOCOL_MAX) {
-                HTTP_ERROR("max protocol num %d \n", HTTP_PROTOCOL_MAX);
+                ROUTING_ERROR("max protocol num %d \n", HTTP_PROTOCOL_MAX);
                 return -1;
             }
             command_sum = 0;
         } else if (same && previous[0] != '\0') {
             if (++command_sum == HTTP_PROTOCOL_CMD_MAX) {
-                HTTP_ERROR("max protocol num %d \n", HTTP_PROTOCOL_CMD_MAX);
+                ROUTING_ERROR("max protocol num %d \n", HTTP_PROTOCOL_CMD_MAX);
                 return -1;
             }
         } else {
@@ -129,7 +132,7 @@ int read_routing_lines(FILE *file, const char *path)
         HTTP_DEBUG("sum=%d command_sum=%d\n", sum, command_sum);
         HTTP_DEBUG("ipc_url %s\n", entry.ipc_url);
         HTTP_DEBUG("cap_path %s\n", entry.cap_path[command_sum]);
-        HTTP_ERROR("###end  %s \n", command);
+        ROUTING_ERROR("###end  %s \n", command);
     }
     return 0;
 }
@@ -158,7 +161,7 @@ int http_read_routing_file(const char *path)
     memset(http_protocol_command, 0, sizeof http_protocol_command);
     FilePtr file(fopen(path, "re"));
     if (!file) {
-        HTTP_ERROR(" open file[%s] failed!\n", path);
+        ROUTING_ERROR(" open file[%s] failed!\n", path);
         return -7;
     }
     int rc = read_routing_lines(file.get(), path);

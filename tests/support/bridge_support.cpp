@@ -10,10 +10,6 @@
 
 namespace bs {
 
-namespace {
-constexpr int kPollMs = 20;  // how often a peer looks whether the test is done with it
-}
-
 int load_routes(const std::string &text)
 {
     ts::write_file(HTTP_COMMAND_FILE, text);
@@ -28,10 +24,25 @@ std::string msg(const std::string &command, const std::string &response)
 Peer::Peer(const std::string &url, int protocol, std::vector<std::vector<std::string>> answers)
     : sock_(nn_socket(AF_SP, protocol)), answers_(std::move(answers))
 {
-    int timeout = kPollMs;
-    nn_setsockopt(sock_, NN_SOL_SOCKET, NN_RCVTIMEO, &timeout, sizeof timeout);
+    int poll_ms = 20;  // how often the peer looks whether the test is done with it
+    nn_setsockopt(sock_, NN_SOL_SOCKET, NN_RCVTIMEO, &poll_ms, sizeof poll_ms);
     EXPECT_GE(nn_bind(sock_, url.c_str()), 0) << url << ": " << nn_strerror(nn_errno());
-    thread_ = std::thread(&Peer::run, this);
+    thread_ = std::thread([this] {
+        for (size_t served = 0; !stop_;) {
+            char *buf = nullptr;
+            int got = nn_recv(sock_, &buf, NN_MSG, 0);
+            if (got < 0)
+                continue;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                requests_.emplace_back(buf, static_cast<size_t>(got));
+            }
+            nn_freemsg(buf);
+            for (const std::string &reply : served < answers_.size() ? answers_[served] : std::vector<std::string>{})
+                nn_send(sock_, reply.data(), reply.size(), 0);
+            ++served;
+        }
+    });
 }
 
 Peer::~Peer()
@@ -45,27 +56,6 @@ std::vector<std::string> Peer::requests()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     return requests_;
-}
-
-void Peer::run()
-{
-    size_t served = 0;
-    while (!stop_) {
-        char *buf = nullptr;
-        int got = nn_recv(sock_, &buf, NN_MSG, 0);
-        if (got < 0)
-            continue;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            requests_.emplace_back(buf, static_cast<size_t>(got));
-        }
-        nn_freemsg(buf);
-        if (served < answers_.size()) {
-            for (const std::string &reply : answers_[served])
-                nn_send(sock_, reply.data(), reply.size(), 0);
-        }
-        ++served;
-    }
 }
 
 int relay(const std::string &command, const char *payload, std::string *reply, std::string *reason)

@@ -12,15 +12,19 @@
 
 namespace bs {
 
+inline bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
 // Writes the routing file at its device path and reads it; the reader's result.
 int load_routes(const std::string &text);
 
 // A reply message {"Command", "Response"} with its terminating zero, as applications send it.
 std::string msg(const std::string &command, const std::string &response);
 
-// A device application inside the test, bound at url with protocol (NN_REP or NN_PAIR). The
-// i-th request is answered with answers[i], sent as they stand (several replies only make
-// sense on a pair socket); later requests get no answer.
+// A device application bound at url (NN_REP or NN_PAIR): the i-th request is answered with
+// the messages of answers[i] as they stand; later requests get no answer.
 class Peer {
 public:
     Peer(const std::string &url, int protocol, std::vector<std::vector<std::string>> answers);
@@ -28,7 +32,6 @@ public:
     std::vector<std::string> requests();  // as received, terminating zero included
 
 private:
-    void run();
     int sock_;
     std::atomic<bool> stop_{false};
     std::mutex mutex_;
@@ -37,12 +40,11 @@ private:
     std::thread thread_;
 };
 
-// Relays command as the dispatcher does: route lookup, exchange, close. The exchange's
+// Relays command as the dispatcher does (route lookup, exchange, close): the exchange's
 // result, or -1 when there is no route.
 int relay(const std::string &command, const char *payload, std::string *reply, std::string *reason = nullptr);
 
-// Starts the simulator on the routing file (and a scenario file when given) and waits
-// until it serves; its output goes to /tmp/devicesim.log.
+// Starts devicesim on the routing file (and a scenario when given) and waits until it serves.
 ts::Process start_sim(const std::string &scenario_json = "");
 
 } // namespace bs

@@ -2,9 +2,8 @@
 #include "webserver/routing_table.h"
 
 #include <cstring>
-#include <functional>
-#include <unistd.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
@@ -16,7 +15,7 @@ bool table_is_empty()
     return memcmp(table, kZero, sizeof kZero) == 0;
 }
 
-// Loads text and keeps what the reader wrote on stderr.
+// Loads text; what the reader wrote on stderr goes to *err.
 int load(const std::string &text, std::string *err = nullptr)
 {
     ts::Capture out(1), capture(2);
@@ -26,29 +25,12 @@ int load(const std::string &text, std::string *err = nullptr)
     return rc;
 }
 
-std::string lines(int count, const std::function<std::string(int)> &line)
+std::string repeat(int count, const std::string &before, const std::string &after)
 {
     std::string text;
     for (int i = 0; i < count; ++i)
-        text += line(i) + "\n";
+        text += before + std::to_string(i) + after + "\n";
     return text;
-}
-
-const std::string kExample = "# command receiver address-or-capability-file\n"
-                             "StartUpgrade app_update ipc:///tmp/app_update.ipc\n"
-                             "VerifyPassword app_user ipc:///tmp/app_user.ipc\n"
-                             "GetScanWIFIHotspot app_network ipc:///tmp/app_network.ipc\n"
-                             "GetNetworkWIFIParameters app_network ipc:///tmp/app_network.ipc\n"
-                             "SetNetworkWIFIParameters app_network ipc:///tmp/app_network.ipc\n"
-                             "GetDeviceCapability device_cap /mnt/app/web_root/config/device_cap.json";
-
-TEST(RoutingTable, StrimClearsWhitespaceAtBothEndsOnly)
-{
-    const char *cases[][2] = {{"", ""}, {" \t\r\n\v\f", ""}, {"abc", "abc"}, {"\t a b\r\n", "a b"}, {"a\tb", "a\tb"}};
-    for (auto &c : cases) {
-        std::string text = c[0];
-        EXPECT_STREQ(c[1], http_strim(text.data())) << '"' << c[0] << '"';
-    }
 }
 
 TEST(RoutingTable, EmptyCommentOnlyOrMissingFileLeavesTheTableEmpty)
@@ -57,7 +39,7 @@ TEST(RoutingTable, EmptyCommentOnlyOrMissingFileLeavesTheTableEmpty)
         EXPECT_EQ(0, load(text)) << text;
         EXPECT_TRUE(table_is_empty()) << text;
     }
-    ASSERT_EQ(0, load(kExample));
+    ASSERT_EQ(0, load("Get app ipc:///tmp/a.ipc\n"));
     unlink(HTTP_COMMAND_FILE);
     ts::Capture err(2);
     EXPECT_EQ(-7, http_read_config_command());
@@ -65,34 +47,21 @@ TEST(RoutingTable, EmptyCommentOnlyOrMissingFileLeavesTheTableEmpty)
     EXPECT_TRUE(table_is_empty());
 }
 
-TEST(RoutingTable, ExampleFileFillsEntriesInFileOrder)
+TEST(RoutingTable, SpacingCrLfCommentsAndExtraWordsReadLikeTheCanonicalFile)
 {
     std::string err;
-    ASSERT_EQ(0, load(kExample, &err));
-    EXPECT_STREQ("app_update", table[0].receiver_name);
-    EXPECT_STREQ("ipc:///tmp/app_update.ipc", table[0].ipc_url);
-    EXPECT_STREQ("VerifyPassword", table[1].command[0]);
-    EXPECT_STREQ("SetNetworkWIFIParameters", table[2].command[2]);
-    EXPECT_STREQ("", table[2].cap_path[2]);
-    EXPECT_STREQ("device_cap", table[3].receiver_name);
-    EXPECT_STREQ("", table[3].ipc_url);
-    EXPECT_STREQ("/mnt/app/web_root/config/device_cap.json", table[3].cap_path[0]);
-    EXPECT_STREQ("", table[4].receiver_name);
-    EXPECT_NE(std::string::npos, err.find(">: ###start  GetScanWIFIHotspot app_network ipc:///tmp/app_network.ipc \n"));
-    EXPECT_NE(std::string::npos, err.find(", http_read_config_command>: ###end  GetDeviceCapability \n"));
-    EXPECT_EQ(std::string::npos, err.find("command receiver")) << "comments are not traced";
-}
-
-TEST(RoutingTable, SpacingCrLfAndExtraWordsReadLikeTheCanonicalFile)
-{
-    const std::string canonical = "Get app_a ipc:///tmp/a.ipc\nSet app_a ipc:///tmp/a.ipc\nCap device_cap /c.json\n";
-    ASSERT_EQ(0, load(canonical));
+    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\nSet app_a ipc:///tmp/a.ipc\nCap device_cap /c.json\n", &err));
+    EXPECT_STREQ("Set", table[0].command[1]);
+    EXPECT_STREQ("", table[0].cap_path[1]);
+    EXPECT_STREQ("/c.json", table[1].cap_path[0]);
+    EXPECT_STREQ("", table[1].ipc_url);
+    EXPECT_NE(std::string::npos, err.find(", http_read_config_command>: ###start  Set app_a ipc:///tmp/a.ipc \n"));
+    EXPECT_NE(std::string::npos, err.find(", http_read_config_command>: ###end  Cap \n"));
     http_protocol_receiver expected[HTTP_PROTOCOL_MAX];
     memcpy(expected, table, sizeof expected);
     for (const char *variant : {"Get   app_a  ipc:///tmp/a.ipc\n   Set app_a ipc:///tmp/a.ipc   \nCap device_cap /c.json",
                                 "Get app_a ipc:///tmp/a.ipc\r\nSet app_a ipc:///tmp/a.ipc\r\nCap device_cap /c.json\r\n",
-                                "Get app_a ipc:///tmp/a.ipc four five\n#Get app_b x\nSet app_a ipc:///tmp/a.ipc\n\n"
-                                "Cap device_cap /c.json\n"}) {
+                                "Get app_a ipc:///tmp/a.ipc four\n#Get app_b x\nSet app_a ipc:///tmp/a.ipc\n\nCap device_cap /c.json"}) {
         EXPECT_EQ(0, load(variant)) << variant;
         EXPECT_EQ(0, memcmp(expected, table, sizeof expected)) << variant;
     }
@@ -100,36 +69,29 @@ TEST(RoutingTable, SpacingCrLfAndExtraWordsReadLikeTheCanonicalFile)
     ASSERT_EQ(0, load("Get\tStatus app_a ipc:///tmp/a.ipc\n #Set app_a\n"));
     EXPECT_STREQ("Get\tStatus", table[0].command[0]);
     EXPECT_STREQ("#Set", table[0].command[1]);
-    EXPECT_STREQ("", table[0].cap_path[1]) << "a missing word counts as empty";
 }
 
 TEST(RoutingTable, BlocksABAGiveThreeEntriesAndTheLastAddressWins)
 {
     ASSERT_EQ(0, load("One app_a ipc:///tmp/a1.ipc\nTwo app_a ipc:///tmp/a2.ipc\n"
                       "Three app_b ipc:///tmp/b.ipc\nFour app_a ipc:///tmp/a3.ipc\n"));
-    EXPECT_STREQ("Two", table[0].command[1]);
     EXPECT_STREQ("ipc:///tmp/a2.ipc", table[0].ipc_url);
     EXPECT_STREQ("app_b", table[1].receiver_name);
-    EXPECT_STREQ("app_a", table[2].receiver_name);
     EXPECT_STREQ("Four", table[2].command[0]);
     EXPECT_STREQ("ipc:///tmp/a3.ipc", table[2].ipc_url);
 }
 
 TEST(RoutingTable, SixteenReceiversAndSixtyFourCommandsFitOneMoreRefusesTheFile)
 {
-    auto receivers = [](int n) {
-        return lines(n, [](int i) { return "Cmd app_" + std::to_string(i) + " ipc:///tmp/x.ipc"; });
-    };
-    auto commands = [](int n) { return lines(n, [](int i) { return "Cmd" + std::to_string(i) + " app /c"; }); };
     std::string err;
-    EXPECT_EQ(0, load(receivers(16)));
+    EXPECT_EQ(0, load(repeat(16, "Cmd app_", " ipc:///tmp/x.ipc")));
     EXPECT_STREQ("app_15", table[15].receiver_name);
-    EXPECT_EQ(-1, load(receivers(17), &err));
+    EXPECT_EQ(-1, load(repeat(17, "Cmd app_", " ipc:///tmp/x.ipc"), &err));
     EXPECT_NE(std::string::npos, err.find(">: max protocol num 16 \n"));
     EXPECT_TRUE(table_is_empty()) << "a refused file leaves no half table behind";
-    EXPECT_EQ(0, load(commands(64)));
+    EXPECT_EQ(0, load(repeat(64, "Cmd", " app /c")));
     EXPECT_STREQ("/c", table[0].cap_path[63]);
-    EXPECT_EQ(-1, load(commands(65), &err));
+    EXPECT_EQ(-1, load(repeat(65, "Cmd", " app /c"), &err));
     EXPECT_NE(std::string::npos, err.find(">: max protocol num 64 \n"));
 }
 
@@ -140,14 +102,10 @@ TEST(RoutingTable, OverlongLinesAndWordsRefuseTheFileNamingTheLine)
         std::string line;
         int rc;
     } cases[] = {
-        {std::string(63, 'c') + " app ipc:///x", 0},
-        {std::string(64, 'c') + " app ipc:///x", -1},
-        {"Get " + std::string(31, 'r') + " ipc:///x", 0},
-        {"Get " + std::string(32, 'r') + " ipc:///x", -1},
-        {"Get app /" + std::string(126, 'p'), 0},
-        {"Get app /" + std::string(127, 'p'), -1},
-        {"Get app ipc://" + std::string(241, 'u'), 0},  // a line of 255 characters
-        {"Get app ipc://" + std::string(242, 'u'), -1},
+        {std::string(63, 'c') + " app ipc:///x", 0},  {std::string(64, 'c') + " app ipc:///x", -1},
+        {"Get " + std::string(31, 'r') + " /c", 0},   {"Get " + std::string(32, 'r') + " /c", -1},
+        {"Get app /" + std::string(126, 'p'), 0},     {"Get app /" + std::string(127, 'p'), -1},
+        {"Get app ipc://" + std::string(241, 'u'), 0}, {"Get app ipc://" + std::string(242, 'u'), -1},
     };
     for (const Case &c : cases) {
         std::string err;

@@ -13,30 +13,26 @@
 namespace {
 
 // Whether name, joined to the root, names something strictly inside the root. Refused:
-// absolute names, ".." components, names that denote the root itself ("." or "./"), paths
-// that do not fit their text, and names that resolve, through symbolic links, outside.
+// absolute names, ".." components, paths that do not fit their text, and names that resolve
+// (symbolic links followed) to the root itself or outside it, or cannot be resolved.
 bool name_stays_inside(const char *name, const char *real_root, char (&path)[kStoragePathSize])
 {
     if (name[0] == '/')
         return false;
-    int parts = 0;
     for (const char *p = name; *p;) {
         const char *end = strchrnul(p, '/');
-        std::string_view part(p, static_cast<size_t>(end - p));
-        if (part == "..")
+        if (std::string_view(p, static_cast<size_t>(end - p)) == "..")
             return false;
-        if (!part.empty() && part != ".")
-            ++parts;
         p = *end ? end + 1 : end;
     }
-    if (parts == 0 || !netsdk_join_path(path, sizeof path, kStorageRoot, name))
+    if (!netsdk_join_path(path, sizeof path, kStorageRoot, name))
         return false;
 
     char real[PATH_MAX];
     if (!realpath(path, real))
         return errno == ENOENT || errno == ENOTDIR;  // nothing there: the deletion passes it over
     size_t root_len = strlen(real_root);
-    return strncmp(real, real_root, root_len) == 0 && real[root_len] == '/' && real[root_len + 1] != '\0';
+    return strncmp(real, real_root, root_len) == 0 && real[root_len] == '/';
 }
 
 } // namespace

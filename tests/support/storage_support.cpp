@@ -1,7 +1,6 @@
 #include "storage_support.h"
 
 #include "common/owners.h"
-#include "json2c/json_fields.h"
 #include "testsupport.h"
 
 #include <cjson/cJSON.h>
@@ -50,25 +49,6 @@ std::vector<Dir> chain_of(const NETSDK_LINK_NODE *head)
     return dirs;
 }
 
-NetsdkLinkPtr make_list(const std::vector<Dir> &dirs)
-{
-    NetsdkLinkPtr head(NETSDK_CREATE_LINK());
-    for (auto d = dirs.rbegin(); d != dirs.rend(); ++d) {
-        NETSDK_LINK_NODE node;
-        copy_field(node.dir_name, sizeof node.dir_name, d->name.c_str());
-        node.last_index = d->last_index;
-        for (const File &f : d->files) {
-            NETSDK_FILE_INFO info{};
-            info.size = f.size;
-            copy_field(info.time, sizeof info.time, f.time.c_str());
-            copy_field(info.name, sizeof info.name, f.name.c_str());
-            node.files.append(info);
-        }
-        NETSDK_LINK_INS_HEAD_LINK(head.get(), &node);
-    }
-    return head;
-}
-
 std::string printed_by_cjson(const NETSDK_LINK_NODE *head)
 {
     CJsonPtr array(cJSON_CreateArray());
@@ -90,6 +70,11 @@ std::string printed_by_cjson(const NETSDK_LINK_NODE *head)
     }
     HeapText text(cJSON_Print(array.get()));
     return text.get();
+}
+
+bool has_error(const std::string &err, const std::string &func, const std::string &message)
+{
+    return err.find(", " + func + ">: " + message + "\033[0m") != std::string::npos;
 }
 
 Outcome run_action(int (*handler)(const char *, char **), const char *body)

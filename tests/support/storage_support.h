@@ -30,10 +30,11 @@ struct Dir {
 };
 std::vector<Dir> chain_of(const NETSDK_LINK_NODE *head);
 
-// A list from the given directories, in that order behind the head.
-NetsdkLinkPtr make_list(const std::vector<Dir> &dirs);
 // cJSON_Print of the listing built as a cJSON tree from the list.
 std::string printed_by_cjson(const NETSDK_LINK_NODE *head);
+
+// Whether err holds the red error line with message, written by func.
+bool has_error(const std::string &err, const std::string &func, const std::string &message);
 
 // What a handler answered and wrote.
 struct Outcome {

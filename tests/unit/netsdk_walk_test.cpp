@@ -32,16 +32,22 @@ std::vector<std::string> names_of(const st::Dir &d)
     return names;
 }
 
-TEST(NetsdkWalk, RootFilesStayOutAndRootFoldersStandInReverseListingOrder)
+TEST(NetsdkWalk, RootFoldersStandInReverseListingOrderWithoutDeeperFilesDownToSixteenLevels)
 {
     st::fresh_card();
     st::make_file(kSd + "root.mp4");
     EXPECT_TRUE(walk().chain.empty());
-    for (const char *d : {"first", "second", "third"})
+    std::string level16 = kSd + "/second";
+    for (int level = 2; level <= 16; ++level)
+        level16 += "/d" + std::to_string(level);
+    st::make_file(level16 + "/deep.mp4");
+    ts::make_dirs(level16 + "/d17/d18");
+    for (const char *d : {"first", "third"})
         ts::make_dirs(kSd + d);
     std::vector<std::string> expected = st::listing_order(st::kRoot), chain;
     std::erase_if(expected, [](const std::string &n) { return n.find('.') != std::string::npos; });
     std::reverse(expected.begin(), expected.end());
+
     Walk w = walk();
     for (const st::Dir &d : w.chain) {
         chain.push_back(d.name);
@@ -49,7 +55,10 @@ TEST(NetsdkWalk, RootFilesStayOutAndRootFoldersStandInReverseListingOrder)
         EXPECT_TRUE(d.files.empty());
     }
     EXPECT_EQ(expected, chain);
-    EXPECT_NE(std::string::npos, w.out.find("path:/mnt/app/web_root/sd//second\n"));
+    EXPECT_NE(std::string::npos, w.out.find("path:" + level16 + "\n"));
+    EXPECT_NE(std::string::npos, w.out.find("path:/mnt/app/web_root/sd//second/d2\npath:/mnt/app/web_root/sd//second\n"));
+    EXPECT_EQ(std::string::npos, w.out.find("/d17"));
+    EXPECT_TRUE(st::has_error(w.err, "walk_subdir", "dir too deep, not walked:" + level16 + "/d17\n")) << w.err;
 }
 
 TEST(NetsdkWalk, FolderHoldsEachFileInListingOrderWithFailedOnesEmptyAndRecordingsMarked)
@@ -91,28 +100,6 @@ TEST(NetsdkWalk, FolderHoldsEachFileInListingOrderWithFailedOnesEmptyAndRecordin
     const std::string trace = ">: storage dir file :recodefilelist.txt\n";  // in the root and in day
     EXPECT_NE(w.out.find(trace), w.out.rfind(trace));
     EXPECT_NE(std::string::npos, w.out.find("<DEBUG file apps/app_web/src/netsdk_link, line "));
-}
-
-TEST(NetsdkWalk, DeeperFoldersAreWalkedAndPrintedButLeftOutDownToSixteenLevels)
-{
-    st::fresh_card();
-    st::make_file(kSd + "day/sub/deep.mp4");
-    ts::make_dirs(kSd + "day/sub/subsub");
-    Walk w = walk();
-    ASSERT_EQ(1u, w.chain.size());
-    EXPECT_TRUE(w.chain[0].files.empty());
-    EXPECT_NE(std::string::npos, w.out.find("path:/mnt/app/web_root/sd//day/sub/subsub\n"
-                                            "path:/mnt/app/web_root/sd//day/sub\n"
-                                            "path:/mnt/app/web_root/sd//day\n"));
-    st::fresh_card();
-    std::string level16 = kSd + "/d1";
-    for (int level = 2; level <= 16; ++level)
-        level16 += "/d" + std::to_string(level);
-    ts::make_dirs(level16 + "/d17/d18");
-    w = walk();
-    EXPECT_NE(std::string::npos, w.out.find("path:" + level16 + "\n"));
-    EXPECT_EQ(std::string::npos, w.out.find("/d17"));
-    EXPECT_TRUE(st::has_error(w.err, "walk_subdir", "dir too deep, not walked:" + level16 + "/d17\n")) << w.err;
 }
 
 TEST(NetsdkWalk, AFolderKeepsItsFirst1024FilesAndIsReadNoFurther)

@@ -43,7 +43,6 @@ TEST(StorageDelete, FilesGoUpToTheFirstEmptyNameAndMissingOnesPassSilently)
     }
     const std::pair<const char *, const char *> bad_bodies[] = {
         {R"({"mode":false,"file":["day/b.mp4"]})", "mode is empty or error value type : 1\n"},
-        {R"({"file":["day/b.mp4"]})", "mode is empty or error value type : -1\n"},
         {R"({"mode":1,"file":"day/b.mp4"})", " array is empty or error value type \n"},
         {"mode=1", "json pack into cjson error...\n"}};
     for (auto [body, line] : bad_bodies) {

@@ -4,6 +4,7 @@
 #include "storage_support.h"
 #include "testsupport.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>

@@ -57,11 +57,14 @@ void formatParamsJSON(char **out, const char *reason, char *params)
     size_t frame_len = strlen(frame.get());
     size_t head_len = frame_len - (sizeof kPlaceholder - 1) - (sizeof kClosing - 1);
     size_t payload_len = strlen(payload.get());
-    char *text = static_cast<char *>(malloc(head_len + payload_len + sizeof kClosing));
+    // The payload's own block grows to hold the reply (realloc of a large block remaps
+    // pages instead of copying), then the text moves up behind the head.
+    char *text = static_cast<char *>(realloc(payload.get(), head_len + payload_len + sizeof kClosing));
     if (!text)
         return;
+    payload.release();
+    memmove(text + head_len, text, payload_len);
     memcpy(text, frame.get(), head_len);
-    memcpy(text + head_len, payload.get(), payload_len);
     memcpy(text + head_len + payload_len, kClosing, sizeof kClosing);
     *out = text;
 }

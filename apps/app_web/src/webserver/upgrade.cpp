@@ -1,0 +1,92 @@
+#include "webserver/upgrade.h"
+
+#include "common/log.h"
+#include "common/owners.h"
+#include "webs/webs.h"
+#include "webserver/http_reply.h"
+#include "webserver/msg_exchange.h"
+
+#include <cerrno>
+#include <cjson/cJSON.h>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr mode_t kImageMode = 0600;
+
+ssize_t body_length(const Webs *wp)
+{
+    return wp->inputFile ? wp->inputFile->size : bufLen(&wp->input);
+}
+
+// Writes a body held in memory into a new file beside the image, to be renamed over it.
+bool write_temp_image(const Webs *wp, char *temp_path)
+{
+    UniqueFd fd(mkstemp(temp_path));
+    if (!fd) {
+        HTTP_ERROR("upgrade open fail \n");
+        return false;
+    }
+    size_t len = static_cast<size_t>(bufLen(&wp->input));
+    ssize_t n = len ? write(fd.get(), wp->input.servp, len) : 0;
+    if (n < 0 || static_cast<size_t>(n) != len || fchmod(fd.get(), kImageMode) != 0) {
+        HTTP_ERROR("upgrade wirte fail \n");
+        unlink(temp_path);
+        return false;
+    }
+    return true;
+}
+
+char *print_announcement()
+{
+    CJsonPtr obj(cJSON_CreateObject());
+    if (!obj || !cJSON_AddStringToObject(obj.get(), "UpgradeImageFile", UPGRADE_IMAGE_FILE)) {
+        HTTP_ERROR("Out of memory!\n");
+        return nullptr;
+    }
+    return cJSON_Print(obj.get());
+}
+
+} // namespace
+
+char *http_upgrade_save_file(Webs *wp)
+{
+    HTTP_DEBUG("input :%d\n", static_cast<int>(body_length(wp)));
+    // The image replaces "/tmp/upgrade" whole, by a rename: a large body is already in a
+    // temporary file of the web layer, a small one is written into one first. A rename
+    // never follows a link planted at the target.
+    if (wp->inputFile) {
+        if (rename(wp->inputFile->filename, UPGRADE_IMAGE_FILE) != 0 || chmod(UPGRADE_IMAGE_FILE, kImageMode) != 0) {
+            HTTP_ERROR("upgrade open fail \n");
+            return nullptr;
+        }
+    } else {
+        char temp_path[] = "/tmp/.upgrade-XXXXXX";
+        if (!write_temp_image(wp, temp_path))
+            return nullptr;
+        if (rename(temp_path, UPGRADE_IMAGE_FILE) != 0) {
+            HTTP_ERROR("upgrade open fail \n");
+            unlink(temp_path);
+            return nullptr;
+        }
+    }
+    return print_announcement();
+}
+
+int http_upgrade_relay(Webs *wp, char **out, char *reason, int route_socket, const char *receiver, bool *replied)
+{
+    HTTP_DEBUG("app_update -----------------------------StartUpgrade\n");
+    HTTP_DEBUG("input :%d\n", static_cast<int>(body_length(wp)));
+    HeapText payload(http_upgrade_save_file(wp));
+    if (!payload) {
+        HTTP_ERROR("upgrade wirte fail \n");
+        json_perror(wp, 550, "upgrade wirte fail");
+        *replied = true;
+        return -1;
+    }
+    return http_send_and_recv_app_codec("StartUpgrade", reason, payload.get(), out, route_socket, receiver);
+}

@@ -62,6 +62,8 @@ public:
     // Appends all bytes; false on a write error.
     bool append(const char *data, size_t len);
     void close_fd() { fd_.reset(); }
+    // Closes and removes the file now.
+    void remove();
     bool active() const { return !path_.empty(); }
     const std::string &path() const { return path_; }
     uint64_t size() const { return size_; }

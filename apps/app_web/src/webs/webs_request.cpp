@@ -17,11 +17,15 @@ namespace webs {
 
 using namespace webs_limits;
 
-TempFile::~TempFile()
+TempFile::~TempFile() { remove(); }
+
+void TempFile::remove()
 {
     fd_.reset();
     if (!path_.empty())
         unlink(path_.c_str());
+    path_.clear();
+    size_ = 0;
 }
 
 bool TempFile::create(const char *stem)
@@ -120,6 +124,8 @@ void refuse_body(WebsPrivate *r, int status)
     r->body.clear();
     r->body.shrink_to_fit();
     r->post.reset();
+    r->upload.remove();
+    r->spool.remove();
 }
 
 bool take_plain(WebsPrivate *r, const char *data, size_t size)

@@ -1,2 +1,56 @@
-// Process entry of the web server (start-up and port supervisor are added with the web layer).
-int main() { return 0; }
+// Process entry: prepares the process, reads the command line, starts the web server thread
+// and then supervises its port for the rest of the process's life.
+#include "common/log.h"
+#include "json2c/json_fields.h"
+#include "webserver/service.h"
+
+#include <csignal>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+void show_help()
+{
+    HTTP_PRINT("---------------------------------------------\n");
+    HTTP_PRINT("./webserver \t\t\t:  using function  ==> eth0   80 \n");
+    HTTP_PRINT("./webserver 88\t\t\t:  using function  ==> eth0   88 (Custom port) \n");
+    HTTP_PRINT("./webserver 88\tlo\t\t:  using function  ==> lo\t  88  127.0.0.1  88(Custom port) \n");
+    HTTP_PRINT("---------------------------------------------\n");
+}
+
+int main(int argc, char **argv)
+{
+    prctl(PR_SET_NAME, "webserver", 0, 0, 0);
+    // Writes to a closed connection must fail with EPIPE, not end the process.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, nullptr);
+
+    WebParams web_params = {80, 443, "*", "eth0"};
+    int args = argc - 1;
+    if (args == 1 && argv[1][0] == 'h') {
+        show_help();
+        return 0;
+    }
+    if (args >= 1) {
+        web_params.http_port = http_port_from_text(argv[1]);
+        HTTP_PRINT("http_port %d\r\n", web_params.http_port);
+    }
+    if (args >= 2) {
+        copy_field(web_params.interfaces_name, sizeof web_params.interfaces_name, argv[2]);
+        HTTP_PRINT("interfaces_name %s\r\n", web_params.interfaces_name);
+    }
+    if (args >= 3) {
+        show_help();
+        return 0;
+    }
+
+    // Command routing table: loaded here (http_read_config_command), before any server starts.
+    // Stored web port: taken here from the port settings (actionGetPortParam), winning over the command line.
+
+    HTTP_WEB_PORT = web_params.http_port;
+    web_service_start(&web_params);
+    for (;;) {
+        supervise_once(&web_params);
+        sleep(kSuperviseIntervalSeconds);
+    }
+}

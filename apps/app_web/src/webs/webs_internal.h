@@ -1,0 +1,183 @@
+// Shared internals of the web layer: the request record behind Webs, the server state and
+// the calls between the layer's files. Nothing outside webs/ includes this.
+#pragma once
+
+#include "common/owners.h"
+#include "webs/webs.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <microhttpd.h>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace webs {
+
+// ---- route and authentication files (webs_config.cpp)
+
+enum class Handler { Action, File };
+
+struct Route {
+    std::string prefix;                // path prefix, matched on whole segments
+    Handler handler = Handler::File;
+    std::vector<std::string> methods;  // allowed methods; empty: nothing may be fetched here
+    std::string allow;                 // the methods as an Allow header value
+};
+
+struct AuthUser {
+    std::string name, password, roles;
+};
+struct AuthRole {
+    std::string name, abilities;
+};
+
+// 0, or -1 after an error line naming the file and line.
+int load_routes(const char *path, std::vector<Route> *routes);
+int load_auth(const char *path, std::vector<AuthUser> *users, std::vector<AuthRole> *roles);
+// The first route whose prefix covers path (a normalised absolute path), or nullptr.
+const Route *match_route(const std::vector<Route> &routes, std::string_view path);
+bool route_allows(const Route &route, const char *method);
+
+// ---- logging (webs_log.cpp)
+
+// Debug mode traces every reply at this level.
+constexpr int kRequestTraceLevel = 4;
+bool debug_mode();
+
+// ---- request record (webs_request.cpp)
+
+// A temporary file owned by a request: removed when the owner goes (an action may have
+// renamed it away; a missing file is fine).
+class TempFile {
+public:
+    TempFile() = default;
+    TempFile(const TempFile &) = delete;
+    TempFile &operator=(const TempFile &) = delete;
+    ~TempFile();
+    // Creates a new file in /tmp; false (errno set) when it cannot.
+    bool create(const char *stem);
+    // Appends all bytes; false on a write error.
+    bool append(const char *data, size_t len);
+    void close_fd() { fd_.reset(); }
+    // Closes and removes the file now.
+    void remove();
+    bool active() const { return !path_.empty(); }
+    const std::string &path() const { return path_; }
+    uint64_t size() const { return size_; }
+
+private:
+    std::string path_;
+    UniqueFd fd_;
+    uint64_t size_ = 0;
+};
+
+struct PostProcessorDeleter {
+    void operator()(MHD_PostProcessor *pp) const { MHD_destroy_post_processor(pp); }
+};
+using PostProcessorPtr = std::unique_ptr<MHD_PostProcessor, PostProcessorDeleter>;
+
+enum class RequestState {
+    New,         // headers not looked at yet
+    Document,    // static document: answered once the request is complete
+    Receiving,   // action request: body being taken in
+    Discarding,  // refused: the rest of the body is read and dropped, then the refusal sent
+    Queued,      // suspended, waiting for or running on the action thread
+    Answered     // a reply has been queued with libmicrohttpd
+};
+
+enum class BodyKind { None, Plain, Multipart };
+
+struct ReplyBuffer {
+    int status = 200;
+    std::vector<std::pair<std::string, std::string>> headers;
+    HeapText data;
+    size_t length = 0;
+    size_t room = 0;
+    bool overflow = false;  // the procedure wrote more than kMaxReply
+};
+
+}  // namespace webs
+
+// The layer's state of one request. It is owned jointly by the connection (until
+// libmicrohttpd reports the request completed) and by the action thread (while the
+// procedure runs), so a procedure that keeps working after websDone never touches freed
+// memory.
+struct WebsPrivate {
+    Webs wp{};
+    MHD_Connection *connection = nullptr;
+    std::atomic<int> refs{1};
+    webs::RequestState state = webs::RequestState::New;
+
+    std::string url;     // raw request target
+    std::string method;
+    std::string path;    // decoded, checked path of a static document
+    WebsAction proc = nullptr;
+
+    // Body intake.
+    webs::BodyKind body_kind = webs::BodyKind::None;
+    uint64_t received = 0;
+    uint64_t discarded = 0;
+    int refusal = 0;                      // status of a refused request
+    const char *refusal_message = "";     // text of its error page
+    std::string allow;                    // Allow header of a 405
+    std::string body;
+    webs::TempFile spool;
+    webs::PostProcessorPtr post;
+    webs::TempFile upload;
+    std::string upload_key, upload_client_name, upload_type;
+    bool upload_closed = false;  // the first file part has ended; later parts are ignored
+    WebsUpload current_file{};
+    WebsUpload input_file{};
+
+    // Reply written by the procedure.
+    webs::ReplyBuffer reply;
+    std::atomic<bool> done{false};
+};
+
+namespace webs {
+
+WebsPrivate *request_new(const char *uri, MHD_Connection *connection);
+void request_release(WebsPrivate *r);
+// Takes in body bytes of an action request; false when the connection must be dropped.
+bool request_take_body(WebsPrivate *r, const char *data, size_t size);
+// Prepares the body intake after the headers; 0, or the status refusing the request.
+int request_begin_body(WebsPrivate *r);
+// Completes the intake and fills the public record; 0, or the status refusing the request.
+int request_finish_body(WebsPrivate *r);
+
+// ---- replies (webs_reply.cpp)
+
+// Adds the headers every reply carries and queues it; the response is released.
+MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Response *response);
+// Queues the layer's HTML error page (with an Allow header when allow is given).
+MHD_Result queue_error_page(MHD_Connection *connection, unsigned status, const char *message,
+                            const char *allow = nullptr);
+// Queues the reply a procedure wrote.
+MHD_Result queue_action_reply(WebsPrivate *r);
+// The reply of a procedure that ended without one (500), or of a request dropped at close (503).
+void reply_failed(WebsPrivate *r, int status, const char *message);
+// Text with &, <, >, " and ' replaced by entities.
+std::string html_escape(std::string_view text);
+
+// ---- static documents (webs_static.cpp)
+
+// What the static handler needs from the open server.
+struct DocumentConfig {
+    std::string root;                  // realpath of the document root, no trailing '/'
+    std::string index;                 // index page of "/" and of directories
+    const std::vector<Route> *routes;  // to check where a resolved path really lies
+};
+const DocumentConfig &document_config();
+
+MHD_Result serve_document(MHD_Connection *connection, const char *method, std::string_view path);
+const char *mime_type(std::string_view path);
+
+// ---- server (webs_server.cpp)
+
+// Resumes a suspended request so that its reply is queued (thread-safe).
+void resume_request(WebsPrivate *r);
+
+}  // namespace webs

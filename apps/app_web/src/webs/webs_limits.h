@@ -1,0 +1,49 @@
+// Limits of the web layer, each with the reason for its value. Every request's cost in
+// memory, files and time is bounded by these.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace webs_limits {
+
+// Longest request target (path and query) accepted; the dispatcher copies the target into a
+// 2049-byte buffer. Longer: 414.
+constexpr size_t kMaxTarget = 2048;
+// Memory libmicrohttpd may use per connection for the request line, the headers and its read
+// buffer. A request whose headers do not fit gets libmicrohttpd's own 431 (and a target that
+// does not fit its 414).
+constexpr size_t kConnectionMemory = 64 * 1024;
+// A multipart upload (watermark images are at most about 2 MB) larger than this: 413.
+constexpr uint64_t kMaxMultipart = 4ull * 1024 * 1024;
+// A plain body up to this size is held in memory as the request's input text.
+constexpr uint64_t kMaxInMemoryBody = 64 * 1024;
+// A plain body up to this size is spooled to a temporary file (firmware images); larger: 413.
+constexpr uint64_t kMaxSpooledBody = 256ull * 1024 * 1024;
+// After refusing a chunked body mid-way, at most this much more is read and dropped so that
+// the 413 can be sent; a client that sends more is disconnected instead.
+constexpr uint64_t kMaxDiscard = 16ull * 1024 * 1024;
+// An action's reply is buffered whole before it is sent; a procedure writing more is cut
+// off with a 500 (the largest real replies, recording lists, stay far below).
+constexpr size_t kMaxReply = 64 * 1024 * 1024;
+
+// Connections open at once: a few browsers with six connections each, with room to spare on
+// a device with little memory.
+constexpr unsigned kMaxConnections = 256;
+// Connections from one address, so that one client cannot take every slot.
+constexpr unsigned kMaxConnectionsPerAddress = 64;
+// Seconds a connection may stay idle (no byte moving) before it is closed. A request waiting
+// for its action is suspended and never times out.
+constexpr unsigned kIdleTimeoutSeconds = 60;
+// Longest wait of the event loop, so that the finish flag is seen promptly.
+constexpr int kMaxLoopWaitMs = 250;
+// Backlog of the listening socket.
+constexpr int kListenBacklog = 64;
+
+// Longest line of the route and authentication files.
+constexpr size_t kMaxConfigLine = 1024;
+// Files served from memory instead of sendfile (an open + read costs less than setting up
+// a file response for these).
+constexpr uint64_t kMaxMemoryFile = 16 * 1024;
+
+} // namespace webs_limits

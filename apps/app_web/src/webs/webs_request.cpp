@@ -1,0 +1,226 @@
+// Request records and their bodies. A plain body is held in memory up to 64 KiB and spooled
+// to a temporary file above that; a multipart/form-data body goes through libmicrohttpd's
+// post processor, which streams the first file part into a temporary file. Every other
+// content type is taken as the raw body.
+#include "common/log.h"
+#include "webs/webs_internal.h"
+#include "webs/webs_limits.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+namespace webs {
+
+using namespace webs_limits;
+
+TempFile::~TempFile() { remove(); }
+
+void TempFile::remove()
+{
+    fd_.reset();
+    if (!path_.empty())
+        unlink(path_.c_str());
+    path_.clear();
+    size_ = 0;
+}
+
+bool TempFile::create(const char *stem)
+{
+    std::string tmpl = std::string("/tmp/") + stem + "-XXXXXX";
+    int fd = mkostemp(tmpl.data(), O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    fd_.reset(fd);
+    path_ = tmpl;
+    return true;
+}
+
+bool TempFile::append(const char *data, size_t len)
+{
+    while (len > 0) {
+        ssize_t n = write(fd_.get(), data, len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        len -= static_cast<size_t>(n);
+        size_ += static_cast<uint64_t>(n);
+    }
+    return true;
+}
+
+WebsPrivate *request_new(const char *uri, MHD_Connection *connection)
+{
+    auto *r = new WebsPrivate;
+    r->connection = connection;
+    r->url = uri ? uri : "";
+    r->wp.priv = r;
+    return r;
+}
+
+void request_release(WebsPrivate *r)
+{
+    if (r && r->refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        delete r;
+}
+
+namespace {
+
+// The Content-Length the client announced, or -1 when it sent none (chunked).
+int64_t announced_length(MHD_Connection *c)
+{
+    const char *v = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    if (!v)
+        return -1;
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long n = strtoull(v, &end, 10);
+    if (errno != 0 || end == v)
+        return INT64_MAX;
+    return n > static_cast<unsigned long long>(INT64_MAX) ? INT64_MAX : static_cast<int64_t>(n);
+}
+
+MHD_Result post_iterator(void *cls, MHD_ValueKind, const char *key, const char *filename,
+                         const char *content_type, const char *, const char *data, uint64_t, size_t size)
+{
+    auto *r = static_cast<WebsPrivate *>(cls);
+    if (!filename || r->upload_closed)
+        return MHD_YES;  // form fields and later file parts are not used
+    const char *k = key ? key : "";
+    if (r->upload.active() && (r->upload_key != k || r->upload_client_name != filename)) {
+        // A new part began: the first file is complete.
+        r->upload_closed = true;
+        return MHD_YES;
+    }
+    if (!r->upload.active()) {
+        if (!r->upload.create("webs-upload")) {
+            HTTP_ERROR("cannot create upload file: %s\n", strerror(errno));
+            return MHD_NO;
+        }
+        r->upload_key = k;
+        r->upload_client_name = filename;
+        r->upload_type = content_type ? content_type : "";
+    }
+    if (size > 0 && !r->upload.append(data, size)) {
+        HTTP_ERROR("cannot write upload file %s: %s\n", r->upload.path().c_str(), strerror(errno));
+        return MHD_NO;
+    }
+    return MHD_YES;
+}
+
+// Switches a request to dropping the rest of its body; the refusal is sent at its end.
+void refuse_body(WebsPrivate *r, int status)
+{
+    r->state = RequestState::Discarding;
+    r->refusal = status;
+    r->refusal_message = status == MHD_HTTP_CONTENT_TOO_LARGE ? "Request body too large"
+                         : status == MHD_HTTP_BAD_REQUEST     ? "Malformed request body"
+                                                              : "Cannot store the request body";
+    r->body.clear();
+    r->body.shrink_to_fit();
+    r->post.reset();
+    r->upload.remove();
+    r->spool.remove();
+}
+
+bool take_plain(WebsPrivate *r, const char *data, size_t size)
+{
+    if (r->spool.active())
+        return r->spool.append(data, size);
+    if (r->body.size() + size <= kMaxInMemoryBody) {
+        r->body.append(data, size);
+        return true;
+    }
+    if (!r->spool.create("webs-body")) {
+        HTTP_ERROR("cannot create body file: %s\n", strerror(errno));
+        return false;
+    }
+    bool ok = r->spool.append(r->body.data(), r->body.size()) && r->spool.append(data, size);
+    r->body.clear();
+    r->body.shrink_to_fit();
+    return ok;
+}
+
+}  // namespace
+
+int request_begin_body(WebsPrivate *r)
+{
+    const char *type = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
+    int64_t length = announced_length(r->connection);
+    static constexpr char kMultipart[] = "multipart/form-data";
+    if (type && strncasecmp(type, kMultipart, sizeof kMultipart - 1) == 0) {
+        if (length > static_cast<int64_t>(kMaxMultipart))
+            return MHD_HTTP_CONTENT_TOO_LARGE;
+        r->post.reset(MHD_create_post_processor(r->connection, 16 * 1024, post_iterator, r));
+        if (!r->post)
+            return MHD_HTTP_BAD_REQUEST;  // no boundary
+        r->body_kind = BodyKind::Multipart;
+    } else {
+        if (length > static_cast<int64_t>(kMaxSpooledBody))
+            return MHD_HTTP_CONTENT_TOO_LARGE;
+        r->body_kind = BodyKind::Plain;
+    }
+    r->state = RequestState::Receiving;
+    return 0;
+}
+
+bool request_take_body(WebsPrivate *r, const char *data, size_t size)
+{
+    if (r->state == RequestState::Discarding) {
+        r->discarded += size;
+        return r->discarded <= kMaxDiscard;
+    }
+    r->received += size;
+    if (r->body_kind == BodyKind::Multipart) {
+        if (r->received > kMaxMultipart) {
+            refuse_body(r, MHD_HTTP_CONTENT_TOO_LARGE);
+        } else if (MHD_post_process(r->post.get(), data, size) != MHD_YES) {
+            // A failed file write was logged by the iterator; anything else is a malformed body.
+            refuse_body(r, r->upload.active() && !r->upload_closed ? MHD_HTTP_INTERNAL_SERVER_ERROR
+                                                                   : MHD_HTTP_BAD_REQUEST);
+        }
+        return true;
+    }
+    if (r->received > kMaxSpooledBody)
+        refuse_body(r, MHD_HTTP_CONTENT_TOO_LARGE);
+    else if (!take_plain(r, data, size))
+        refuse_body(r, MHD_HTTP_INTERNAL_SERVER_ERROR);
+    return true;
+}
+
+int request_finish_body(WebsPrivate *r)
+{
+    if (r->state == RequestState::Discarding)
+        return r->refusal;
+    if (r->post && MHD_destroy_post_processor(r->post.release()) != MHD_YES) {
+        refuse_body(r, MHD_HTTP_BAD_REQUEST);  // the multipart body ended early
+        return r->refusal;
+    }
+    r->upload.close_fd();
+    r->spool.close_fd();
+
+    Webs &wp = r->wp;
+    wp.url = r->url.data();
+    wp.method = r->method.data();
+    wp.input.servp = r->body.data();
+    wp.input.endp = r->body.data() + r->body.size();
+    if (r->upload.active()) {
+        r->current_file = {const_cast<char *>(r->upload.path().c_str()), r->upload_client_name.data(),
+                           r->upload_type.data(), static_cast<ssize_t>(r->upload.size())};
+        wp.currentFile = &r->current_file;
+    }
+    if (r->spool.active()) {
+        // No client file name or part type for a plain body: both texts are empty.
+        r->input_file = {const_cast<char *>(r->spool.path().c_str()), r->upload_client_name.data(),
+                         r->upload_type.data(), static_cast<ssize_t>(r->spool.size())};
+        wp.inputFile = &r->input_file;
+    }
+    return 0;
+}
+
+}  // namespace webs

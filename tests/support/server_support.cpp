@@ -1,0 +1,52 @@
+#include "server_support.h"
+
+#include <filesystem>
+#include <fstream>
+
+namespace fs = std::filesystem;
+
+namespace ts {
+
+void lay_out_demo_tree()
+{
+    reset_device_tree();
+    make_dirs("/mnt/app");
+    make_dirs("/mnt/usr/config");
+    fs::copy(source_path("demo/web_root"), kWebRoot, fs::copy_options::recursive);
+    fs::copy(source_path("demo/usr/config/app_parameters"), "/mnt/usr/config/app_parameters",
+             fs::copy_options::recursive);
+}
+
+ServerProcess::ServerProcess(const std::vector<std::string> &args)
+{
+    std::vector<std::string> argv{bin_path("webserver")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    process_ = Process(argv, "/tmp/webserver.log");
+}
+
+bool ServerProcess::wait_ready(int port, const std::string &host, int timeout_ms)
+{
+    return wait_for_port(host, port, true, timeout_ms);
+}
+
+std::string local_url(int port, const std::string &path)
+{
+    return "http://127.0.0.1:" + std::to_string(port) + path;
+}
+
+long peak_memory_kib(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string key;
+    while (status >> key) {
+        if (key == "VmHWM:") {
+            long kib = -1;
+            status >> kib;
+            return kib;
+        }
+        status.ignore(4096, '\n');
+    }
+    return -1;
+}
+
+} // namespace ts

@@ -48,9 +48,9 @@ exec 8<"$root"
 repo=/proc/self/fd/8
 mount -t tmpfs -o mode=0755 tmpfs /mnt || fail "cannot mount a private /mnt"
 mkdir -p /mnt/app/web_root /mnt/usr/config/app_parameters
-mount --bind "$repo/demo/run/web_root" /mnt/app/web_root
-mount --bind "$repo/demo/run/app_parameters" /mnt/usr/config/app_parameters
-mount --bind "$repo/demo/run/tmp" /tmp
+mount -c --bind "$repo/demo/run/web_root" /mnt/app/web_root
+mount -c --bind "$repo/demo/run/app_parameters" /mnt/usr/config/app_parameters
+mount -c --bind "$repo/demo/run/tmp" /tmp
 cd /
 
 # Background programs of a script ignore Ctrl-C: the trap ends them.

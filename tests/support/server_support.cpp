@@ -1,5 +1,6 @@
 #include "server_support.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -15,10 +16,22 @@ void lay_out_demo_tree()
     fs::copy(source_path("demo/web_root"), kWebRoot, fs::copy_options::recursive);
     fs::copy(source_path("demo/usr/config/app_parameters"), "/mnt/usr/config/app_parameters",
              fs::copy_options::recursive);
+    // The demo stores its own port; a test starts from a device without one.
+    fs::remove(kPortFile);
+}
+
+void store_port(int port)
+{
+    write_file(kPortFile, "{\n\t\"Port\":\t" + std::to_string(port) + "\n}");
 }
 
 ServerProcess::ServerProcess(const std::vector<std::string> &args)
 {
+    // A stored port wins over the command line, and a device without one stores 80 at
+    // start: store the command line's port unless the test stored one itself.
+    int port = args.empty() ? 0 : static_cast<int>(strtol(args[0].c_str(), nullptr, 10));
+    if (port > 0 && port < 65536 && exists("/mnt/usr/config/app_parameters") && !exists(kPortFile))
+        store_port(port);
     std::vector<std::string> argv{bin_path("webserver")};
     argv.insert(argv.end(), args.begin(), args.end());
     process_ = Process(argv, "/tmp/webserver.log");

@@ -10,6 +10,10 @@
 namespace ts {
 
 constexpr char kWebRoot[] = "/mnt/app/web_root";
+constexpr char kPortFile[] = "/mnt/usr/config/app_parameters/WebServerParameter.json";
+
+// Stores the web port in the port settings, as the device keeps it.
+void store_port(int port);
 
 // Empties the device tree and lays out the demo's: document root with its route and
 // authentication files, the settings directory, the sample recordings.

@@ -1,7 +1,10 @@
 // Process entry: prepares the process, reads the command line, starts the web server thread
 // and then supervises its port for the rest of the process's life.
+#include "actions/port_actions.h"
 #include "common/log.h"
+#include "common/owners.h"
 #include "json2c/json_fields.h"
+#include "webserver/routing_table.h"
 #include "webserver/service.h"
 
 #include <csignal>
@@ -44,8 +47,19 @@ int main(int argc, char **argv)
         return 0;
     }
 
-    // Command routing table: loaded here (http_read_config_command), before any server starts.
-    // Stored web port: taken here from the port settings (actionGetPortParam), winning over the command line.
+    if (http_read_config_command() != 0) {
+        HTTP_ERROR("http read comfig fail\n");
+        return 0;
+    }
+    // The stored port wins over the command line.
+    int stored_port = -1;
+    char *reply = nullptr;
+    actionGetPortParam(nullptr, &reply, &stored_port);
+    HeapText unread(reply);
+    if (stored_port != -1) {
+        web_params.http_port = stored_port;
+        HTTP_PRINT("web init port %d \n", stored_port);
+    }
 
     HTTP_WEB_PORT = web_params.http_port;
     web_service_start(&web_params);

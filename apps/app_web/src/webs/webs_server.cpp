@@ -18,6 +18,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
@@ -103,6 +104,7 @@ struct Server {
     std::string ipaddr, host;
     std::map<std::string, WebsAction, std::less<>> actions;
     MHD_Daemon *daemon = nullptr;
+    UniqueFd root_fd;
     ActionRunner runner;
 
     // Back to the state before websOpen (the runner has been stopped).
@@ -118,6 +120,7 @@ struct Server {
         host.clear();
         actions.clear();
         daemon = nullptr;
+        root_fd.reset();
     }
 };
 
@@ -360,6 +363,8 @@ int websOpen(const char *documents, const char *routeFile)
     srv.docs.root = real;
     if (srv.docs.root == "/")
         srv.docs.root.clear();  // paths are appended with their leading '/'
+    srv.root_fd.reset(open(real, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    srv.docs.root_fd = srv.root_fd.get();
     srv.docs.index = kDefaultIndex;
     srv.docs.routes = &srv.routes;
     srv.runner.start();

@@ -57,6 +57,16 @@ TEST_F(ServiceHost, StartWhileRunningIsRefusedAndStopWithoutServerDoesNothing)
     EXPECT_EQ(-2, web_service_start(&bad));
 }
 
+TEST(PortArgument, IsReadTheWayAtoiReadsIt)
+{
+    const std::pair<const char *, int> cases[] = {
+        {"88", 88}, {"  88x", 88}, {"+7", 7}, {"-5", -5}, {"abc", 0}, {"", 0},
+        {"99999999999", 2147483647}, {"-99999999999", -2147483647 - 1},
+    };
+    for (auto &[text, port] : cases)
+        EXPECT_EQ(port, http_port_from_text(text)) << text;
+}
+
 TEST_F(ServiceHost, SupervisorMovesTheServerToTheNewPort)
 {
     start();

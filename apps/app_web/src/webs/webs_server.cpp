@@ -96,6 +96,7 @@ private:
 
 struct Server {
     bool open = false;
+    bool closing = false;  // websClose runs: no request may join the action queue any more
     std::string documents;
     DocumentConfig docs;
     std::vector<Route> routes;
@@ -111,6 +112,7 @@ struct Server {
     void reset()
     {
         open = false;
+        closing = false;
         documents.clear();
         docs = DocumentConfig{};
         routes.clear();
@@ -237,6 +239,12 @@ MHD_Result finish_request(WebsPrivate *r)
 {
     if (request_finish_body(r) != 0)
         return send_refusal(r);
+    if (srv.closing) {
+        // The last turns of the event loop in websClose: the action thread is gone.
+        r->refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
+        r->refusal_message = "The server is shutting down";
+        return send_refusal(r);
+    }
     r->state = RequestState::Queued;
     MHD_suspend_connection(r->connection);
     srv.runner.push(r);
@@ -376,6 +384,7 @@ void websClose()
 {
     if (!srv.open)
         return;
+    srv.closing = true;
     // A running procedure finishes; requests that never ran are answered as unavailable.
     std::deque<WebsPrivate *> waiting = srv.runner.stop();
     for (WebsPrivate *r : waiting) {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -45,6 +46,19 @@ bool ServerProcess::wait_ready(int port, const std::string &host, int timeout_ms
 std::string local_url(int port, const std::string &path)
 {
     return "http://127.0.0.1:" + std::to_string(port) + path;
+}
+
+int layer_temp_files()
+{
+    int n = 0;
+    for (int i = 0; i < 50; ++i, n = 0) {
+        for (auto &e : fs::directory_iterator("/tmp"))
+            n += e.path().filename().string().rfind("webs-", 0) == 0;
+        if (n == 0)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return n;
 }
 
 long peak_memory_kib(pid_t pid)

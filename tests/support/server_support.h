@@ -35,6 +35,10 @@ private:
 // "http://127.0.0.1:PORT" followed by path.
 std::string local_url(int port, const std::string &path);
 
+// Temporary files of the web layer in /tmp, counted once the requests in flight have ended
+// (a request ends just after its reply has left).
+int layer_temp_files();
+
 // Peak resident memory of a process in KiB (VmHWM), -1 when unknown.
 long peak_memory_kib(pid_t pid);
 

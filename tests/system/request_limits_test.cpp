@@ -22,20 +22,6 @@ protected:
 
     static std::string status_line(const std::string &raw) { return raw.substr(0, raw.find("\r\n")); }
 
-    // Temporary files of the layer, once the requests in flight have ended (a request ends
-    // just after its reply leaves).
-    static int temp_files()
-    {
-        int n = 0;
-        for (int i = 0; i < 50; ++i, n = 0) {
-            for (auto &e : std::filesystem::directory_iterator("/tmp"))
-                n += e.path().filename().string().rfind("webs-", 0) == 0;
-            if (n == 0)
-                break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return n;
-    }
 
     static inline int port = 0;
     static inline std::unique_ptr<ts::ServerProcess> server;
@@ -79,7 +65,7 @@ TEST_F(RequestLimits, MultipartOver4MiBAnswers413)
     // The same upload sent chunked, with no length to check beforehand.
     req.headers = {"Transfer-Encoding: chunked"};
     EXPECT_EQ(413, ts::http(req).status);
-    EXPECT_EQ(0, temp_files());
+    EXPECT_EQ(0, ts::layer_temp_files());
 }
 
 TEST_F(RequestLimits, HundredMiBBodyIsSpooledWithFlatMemory)
@@ -102,7 +88,7 @@ TEST_F(RequestLimits, HundredMiBBodyIsSpooledWithFlatMemory)
     ASSERT_GT(before, 0);
     EXPECT_LT(after - before, 8 * 1024) << "peak memory grew from " << before << " KiB to " << after << " KiB";
     unlink("/tmp/image.bin");
-    EXPECT_EQ(0, temp_files());
+    EXPECT_EQ(0, ts::layer_temp_files());
 }
 
 } // namespace

@@ -197,16 +197,4 @@ TEST_F(StaticDocuments, NoPathLeavesTheRootOrReachesThePrivateFolder)
     EXPECT_EQ(200, get("/sd/latest.mp4").status);
 }
 
-TEST_F(StaticDocuments, OnlyGetAndHeadFetchDocuments)
-{
-    ts::HttpReply r = get("/login.html", {}, "DELETE");
-    EXPECT_EQ(405, r.status);
-    EXPECT_EQ("GET, HEAD", r.headers["allow"]);
-    ts::HttpRequest post;
-    post.method = "POST";
-    post.url = ts::local_url(port, "/login.html");
-    post.body = "x";
-    EXPECT_EQ(405, ts::http(post).status);
-}
-
 } // namespace

@@ -36,6 +36,9 @@ TEST_F(WebserverCli, ThreeArgumentsPrintBothValuesThenTheHelpAndExit)
     int status = ts::run({ts::bin_path("webserver"), "88", "eth0", "x"}, &out, 5000);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ("http_port 88\r\ninterfaces_name eth0\r\n" + kHelp, out);
+    // The interface name is cut to 7 characters, the port read as atoi reads it.
+    ts::run({ts::bin_path("webserver"), "x1", "eth0-and-more", "x"}, &out, 5000);
+    EXPECT_EQ("http_port 0\r\ninterfaces_name eth0-an\r\n" + kHelp, out);
 }
 
 TEST_F(WebserverCli, LoopbackServesOn127Only)

@@ -1,6 +1,6 @@
 // The web layer in-process, with test actions: the request record, the reply sequence,
 // routing refusals, the action thread and the life cycle of a server.
-#include "testsupport.h"
+#include "server_support.h"
 #include "webs/webs.h"
 
 #include <arpa/inet.h>
@@ -145,20 +145,6 @@ protected:
 
     std::string url(const std::string &path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
 
-    // Temporary files of the layer, once the requests in flight have ended (a request ends
-    // just after its reply leaves).
-    static int temp_files()
-    {
-        int n = 0;
-        for (int i = 0; i < 50; ++i, n = 0) {
-            for (auto &e : std::filesystem::directory_iterator("/tmp"))
-                n += e.path().filename().string().rfind("webs-", 0) == 0;
-            if (n == 0)
-                break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return n;
-    }
 
     std::atomic<int> finished{1};
     std::thread loop;
@@ -210,6 +196,7 @@ TEST_F(Layer, RoutesRefuseWithTheirStatus)
         {"GET", "/action/", 404, ""},
         {"GET", "/action/undefined/x", 404, ""},
         {"GET", "/actionecho", 404, ""},  // prefixes match whole segments
+        {"POST", "/page.html", 405, "GET, HEAD"},
     };
     for (const Case &c : cases) {
         ts::HttpRequest req;
@@ -238,7 +225,7 @@ TEST_F(Layer, MultipartFileBecomesCurrentFileAndIsRemovedAfterTheRequest)
     EXPECT_EQ("POST /action/echo/upload_Image?fileName=w.png [] 0 w.png,image/png,3000 -", r.body);
     EXPECT_EQ(picture, seen.upload_content);
     EXPECT_EQ(0, seen.upload_path.rfind("/tmp/", 0));
-    EXPECT_EQ(0, temp_files());
+    EXPECT_EQ(0, ts::layer_temp_files());
 }
 
 TEST_F(Layer, PlainBodyOver64KiBIsSpooledToAFile)
@@ -250,7 +237,7 @@ TEST_F(Layer, PlainBodyOver64KiBIsSpooledToAFile)
     ts::HttpReply r = ts::http_post(url("/action/echo"), big);
     EXPECT_EQ("POST /action/echo [] 0 - ,,65537", r.body);
     EXPECT_EQ(big, seen.spool_content);
-    EXPECT_EQ(0, temp_files());
+    EXPECT_EQ(0, ts::layer_temp_files());
 }
 
 TEST_F(Layer, StaticPageIsServedWhileAnActionIsBusy)
@@ -304,8 +291,10 @@ TEST_F(Layer, CloseWaitsForTheRunningActionAndAnswersThoseQueued)
     EXPECT_EQ(std::vector<std::string>{"/action/gate/a"}, seen.urls);
 }
 
-TEST_F(Layer, ClientDroppingMidUploadLeavesNothingBehind)
+TEST_F(Layer, ClientDroppingMidRequestOrMidReplyLeavesNothingBehind)
 {
+    ts::write_file("/mnt/www/big.bin", std::string(8 << 20, 'b'));
+    ts::raw_http(port, "GET /big.bin HTTP/1.1\r\nHost: x\r\n\r\n", 20);
     std::string head = "POST /action/echo HTTP/1.1\r\nHost: x\r\nContent-Length: 400000\r\n\r\n";
     ts::raw_http(port, head + std::string(200000, 'd'), 200);
     std::string multipart = "POST /action/echo HTTP/1.1\r\nHost: x\r\nContent-Length: 400000\r\n"
@@ -314,19 +303,8 @@ TEST_F(Layer, ClientDroppingMidUploadLeavesNothingBehind)
                             "Content-Type: image/png\r\n\r\n";
     ts::raw_http(port, multipart + std::string(200000, 'd'), 200);
     EXPECT_EQ(200, ts::http_get(url("/page.html")).status);
-    EXPECT_EQ(0, temp_files());
+    EXPECT_EQ(0, ts::layer_temp_files());
     EXPECT_TRUE(seen.urls.empty());
-}
-
-TEST_F(Layer, ListeningIdMapsToTheSocketAndABusyPortIsRefused)
-{
-    int fd = socketGetHandle(sid);
-    sockaddr_in addr{};
-    socklen_t len = sizeof addr;
-    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len));
-    EXPECT_EQ(port, ntohs(addr.sin_port));
-    EXPECT_EQ(-1, socketGetHandle(sid + 1));
-    EXPECT_EQ(-1, socketGetHandle(-1));
 }
 
 TEST(LayerSetUp, RouteAndAuthenticationFilesMustBeValid)

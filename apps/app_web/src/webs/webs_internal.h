@@ -167,6 +167,7 @@ std::string html_escape(std::string_view text);
 // What the static handler needs from the open server.
 struct DocumentConfig {
     std::string root;                  // realpath of the document root, no trailing '/'
+    int root_fd = -1;                  // the root, opened for lookups beneath it
     std::string index;                 // index page of "/" and of directories
     const std::vector<Route> *routes;  // to check where a resolved path really lies
 };

@@ -13,7 +13,7 @@ constexpr size_t kMaxTarget = 2048;
 // Memory libmicrohttpd may use per connection for the request line, the headers and its read
 // buffer. A request whose headers do not fit gets libmicrohttpd's own 431 (and a target that
 // does not fit its 414).
-constexpr size_t kConnectionMemory = 64 * 1024;
+constexpr size_t kConnectionMemory = 16 * 1024;
 // A multipart upload (watermark images are at most about 2 MB) larger than this: 413.
 constexpr uint64_t kMaxMultipart = 4ull * 1024 * 1024;
 // A plain body up to this size is held in memory as the request's input text.

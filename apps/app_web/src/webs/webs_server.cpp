@@ -18,6 +18,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
@@ -95,6 +96,7 @@ private:
 
 struct Server {
     bool open = false;
+    bool closing = false;  // websClose runs: no request may join the action queue any more
     std::string documents;
     DocumentConfig docs;
     std::vector<Route> routes;
@@ -103,12 +105,14 @@ struct Server {
     std::string ipaddr, host;
     std::map<std::string, WebsAction, std::less<>> actions;
     MHD_Daemon *daemon = nullptr;
+    UniqueFd root_fd;
     ActionRunner runner;
 
     // Back to the state before websOpen (the runner has been stopped).
     void reset()
     {
         open = false;
+        closing = false;
         documents.clear();
         docs = DocumentConfig{};
         routes.clear();
@@ -118,6 +122,7 @@ struct Server {
         host.clear();
         actions.clear();
         daemon = nullptr;
+        root_fd.reset();
     }
 };
 
@@ -234,6 +239,12 @@ MHD_Result finish_request(WebsPrivate *r)
 {
     if (request_finish_body(r) != 0)
         return send_refusal(r);
+    if (srv.closing) {
+        // The last turns of the event loop in websClose: the action thread is gone.
+        r->refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
+        r->refusal_message = "The server is shutting down";
+        return send_refusal(r);
+    }
     r->state = RequestState::Queued;
     MHD_suspend_connection(r->connection);
     srv.runner.push(r);
@@ -360,6 +371,8 @@ int websOpen(const char *documents, const char *routeFile)
     srv.docs.root = real;
     if (srv.docs.root == "/")
         srv.docs.root.clear();  // paths are appended with their leading '/'
+    srv.root_fd.reset(open(real, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    srv.docs.root_fd = srv.root_fd.get();
     srv.docs.index = kDefaultIndex;
     srv.docs.routes = &srv.routes;
     srv.runner.start();
@@ -371,6 +384,7 @@ void websClose()
 {
     if (!srv.open)
         return;
+    srv.closing = true;
     // A running procedure finishes; requests that never ran are answered as unavailable.
     std::deque<WebsPrivate *> waiting = srv.runner.stop();
     for (WebsPrivate *r : waiting) {

@@ -3,9 +3,9 @@
 // out with sendfile through libmicrohttpd's file responses; small ones are read into memory.
 //
 // The path has already been decoded and checked for NUL bytes, backslashes and dot segments
-// (webs_server.cpp). Here it is resolved with realpath and must stay inside the resolved
-// document root; a symbolic link is followed only when its target stays inside too, and the
-// resolved path must be one that the route file lets be fetched.
+// (webs_server.cpp). A path without symbolic links is opened beneath the root in one step;
+// one with links is resolved with realpath and must stay inside the resolved document root.
+// Either way the real path must be one that the route file lets be fetched.
 #include "common/log.h"
 #include "common/owners.h"
 #include "webs/webs_internal.h"
@@ -17,8 +17,10 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace webs {
@@ -180,6 +182,57 @@ std::string resolve(const DocumentConfig &cfg, std::string_view path)
     return resolved;
 }
 
+// Opens path below the root with no symbolic link anywhere on the way, the kernel keeping
+// the lookup beneath the root (one system call instead of realpath's one per component).
+// -1 with errno ELOOP or EXDEV when a link is involved, ENOSYS on kernels without openat2.
+int open_beneath(int root_fd, const char *relative)
+{
+    open_how how{};
+    how.flags = O_RDONLY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(syscall(SYS_openat2, root_fd, relative, &how, sizeof how));
+}
+
+// Opens the regular file that path names inside the root, the index page for the root and
+// for directories; fills its real path and status. Links are resolved with realpath and
+// must stay inside the root.
+UniqueFd open_document(const DocumentConfig &cfg, std::string_view path, std::string *resolved, struct stat *st)
+{
+    std::string relative(path.substr(1));
+    if (relative.empty() || relative.back() == '/')
+        relative += cfg.index;
+    bool slow = cfg.root_fd < 0;
+    for (int turn = 0; turn < 2 && !slow; ++turn) {
+        UniqueFd fd(open_beneath(cfg.root_fd, relative.c_str()));
+        if (!fd) {
+            if (errno == ENOENT || errno == ENOTDIR)
+                return {};
+            slow = true;
+            break;
+        }
+        if (fstat(fd.get(), st) != 0)
+            return {};
+        if (S_ISDIR(st->st_mode) && turn == 0) {
+            relative += '/';
+            relative += cfg.index;
+            continue;
+        }
+        if (!S_ISREG(st->st_mode))
+            return {};
+        *resolved = cfg.root + "/" + relative;
+        return fd;
+    }
+    if (!slow)
+        return {};
+    *resolved = resolve(cfg, path);
+    if (resolved->empty())
+        return {};
+    UniqueFd fd(open(resolved->c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd || fstat(fd.get(), st) != 0 || !S_ISREG(st->st_mode))
+        return {};
+    return fd;
+}
+
 MHD_Response *file_response(UniqueFd fd, uint64_t offset, uint64_t length, bool head)
 {
     if (head)  // libmicrohttpd sends the headers (Content-Length included) and no body
@@ -215,16 +268,14 @@ const char *mime_type(std::string_view path)
 MHD_Result serve_document(MHD_Connection *connection, const char *method, std::string_view path)
 {
     const DocumentConfig &cfg = document_config();
-    std::string resolved = resolve(cfg, path);
-    // The resolved file must lie where the route file allows fetching it: a link from a
-    // public folder into a private one serves nothing.
-    const Route *route = resolved.empty() ? nullptr : match_route(*cfg.routes, std::string_view(resolved).substr(cfg.root.size()));
-    if (!route || route->handler != Handler::File || !route_allows(*route, method))
-        return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
-
-    UniqueFd fd(open(resolved.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    std::string resolved;
     struct stat st;
-    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+    UniqueFd fd = open_document(cfg, path, &resolved, &st);
+    // The file must lie where the route file allows fetching it: a link from a public folder
+    // into a private one serves nothing.
+    const Route *route =
+        fd ? match_route(*cfg.routes, std::string_view(resolved).substr(cfg.root.size())) : nullptr;
+    if (!route || route->handler != Handler::File || !route_allows(*route, method))
         return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
 
     uint64_t size = static_cast<uint64_t>(st.st_size);

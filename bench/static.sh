@@ -1,0 +1,107 @@
+#!/bin/sh
+# Static file benchmark, run on demand (not a test): this server against nginx on the same
+# files, in the same run, inside the private namespace of tests/isolate.sh.
+#   - small file: requests per second with wrk over keep-alive connections;
+#   - large file (100 MiB): curl's transfer rate.
+# nginx runs with "worker_processes 1", like this server's single event loop.
+# Targets: at least nginx's request rate, and at least 90 % of its transfer rate.
+# Usage: bench/static.sh [SECONDS] [CONNECTIONS] [ROUNDS]    (defaults 5, 32 and 5)
+set -eu
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+if [ "${1:-}" != "--inner" ]; then
+    scripts/bootstrap.sh bench
+    # A release build of its own, so the developer's build/ keeps its settings.
+    cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
+    cmake --build build-bench -j2 --target webserver
+    exec tests/isolate.sh "$root/bench/static.sh" --inner "${1:-5}" "${2:-32}" "${3:-5}"
+fi
+seconds=$2 connections=$3 rounds=$4
+
+# The device tree, plus the two benchmark files.
+mkdir -p /mnt/app /mnt/usr/config/app_parameters
+cp -a "$root/demo/web_root" /mnt/app/web_root
+head -c 1024 /dev/urandom | base64 > /mnt/app/web_root/small.html
+head -c 104857600 /dev/zero > /mnt/app/web_root/big.mp4
+small_size=$(stat -c %s /mnt/app/web_root/small.html)
+
+mkdir -p /tmp/nginx
+cat > /tmp/nginx/nginx.conf <<CONF
+worker_processes 1;
+daemon off;
+user root root;
+pid /tmp/nginx/nginx.pid;
+error_log /tmp/nginx/error.log;
+events { worker_connections 1024; }
+http {
+    access_log off;
+    sendfile on;
+    tcp_nopush on;
+    keepalive_requests 1000000;
+    client_body_temp_path /tmp/nginx/body;
+    proxy_temp_path /tmp/nginx/proxy;
+    fastcgi_temp_path /tmp/nginx/fastcgi;
+    uwsgi_temp_path /tmp/nginx/uwsgi;
+    scgi_temp_path /tmp/nginx/scgi;
+    types { text/html html; video/mp4 mp4; }
+    server {
+        listen 127.0.0.1:8081;
+        root /mnt/app/web_root;
+    }
+}
+CONF
+
+"$root/build-bench/bin/webserver" 8080 lo > /tmp/webserver.log 2>&1 &
+web=$!
+nginx -p /tmp/nginx -c /tmp/nginx/nginx.conf &
+ngx=$!
+trap 'kill $web $ngx 2>/dev/null || true' EXIT
+for port in 8080 8081; do
+    i=0
+    until curl -s -o /dev/null "http://127.0.0.1:$port/small.html"; do
+        i=$((i + 1))
+        [ $i -lt 100 ] || { echo "bench: nothing answers on port $port" >&2; cat /tmp/webserver.log /tmp/nginx/error.log >&2; exit 1; }
+        sleep 0.1
+    done
+done
+
+rps() {
+    wrk -t1 -c"$connections" -d"${seconds}s" "http://127.0.0.1:$1/small.html" | awk '/^Requests\/sec:/ {print $2}'
+}
+rate() {
+    curl -s -o /dev/null -w '%{speed_download}' "http://127.0.0.1:$1/big.mp4"
+}
+
+# The machine is shared, so its load changes from second to second: the two servers are
+# measured in alternating rounds (the order swapped each round) and each round gives a ratio;
+# the median ratio is reported.
+: > /tmp/rounds
+i=0
+while [ $i -lt "$rounds" ]; do
+    if [ $((i % 2)) -eq 0 ]; then
+        o=$(rps 8080); n=$(rps 8081); ot=$(rate 8080); nt=$(rate 8081)
+    else
+        n=$(rps 8081); o=$(rps 8080); nt=$(rate 8081); ot=$(rate 8080)
+    fi
+    echo "$o $n $ot $nt" >> /tmp/rounds
+    i=$((i + 1))
+done
+
+sort_median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+small_ratio=$(awk '{ print $1 / $2 }' /tmp/rounds | sort_median)
+large_ratio=$(awk '{ print $3 / $4 }' /tmp/rounds | sort_median)
+
+awk -v s="$small_size" -v sec="$seconds" -v c="$connections" -v rounds="$rounds" \
+    -v sr="$small_ratio" -v lr="$large_ratio" '
+{
+    printf "round %d: small %8.0f / %8.0f req/s (%.2f)   large %7.1f / %7.1f MiB/s (%.2f)\n",
+           NR, $1, $2, $1 / $2, $3 / 1048576, $4 / 1048576, $3 / $4
+}
+END {
+    printf "webserver / nginx (worker_processes 1), %d rounds:\n", rounds
+    printf "  small file (%d bytes), wrk -t1 -c%d -d%ds keep-alive: median ratio %.2f (target >= 1.00): %s\n",
+           s, c, sec, sr, (sr >= 1.0) ? "met" : "MISSED"
+    printf "  large file (100 MiB), curl: median ratio %.2f (target >= 0.90): %s\n",
+           lr, (lr >= 0.9) ? "met" : "MISSED"
+}' /tmp/rounds

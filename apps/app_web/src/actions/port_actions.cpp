@@ -15,11 +15,6 @@ namespace {
 constexpr size_t kProbeCommandSize = 32;  // "netstat -tuln | grep " and up to five digits fit
 constexpr size_t kProbeLineSize = 1024;   // one line of netstat's list; its content is not used
 
-struct PipeCloser {
-    void operator()(FILE *f) const { pclose(f); }
-};
-using PipePtr = std::unique_ptr<FILE, PipeCloser>;
-
 bool port_in_range(int port) { return port >= WEB_PORT_MIN && port <= WEB_PORT_MAX; }
 
 // The port file's text, or nullptr when it is missing, empty or unreadable.

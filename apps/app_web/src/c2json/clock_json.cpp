@@ -1,9 +1,11 @@
 #include "c2json/clock_json.h"
 
+#include "c2json/json_print.h"
 #include "common/log.h"
 #include "common/owners.h"
 
 #include <cjson/cJSON.h>
+#include <utility>
 
 int formatDeviceTimeParamJSON(char **out, const char *local_time)
 {
@@ -12,14 +14,6 @@ int formatDeviceTimeParamJSON(char **out, const char *local_time)
         return -2;
     }
     CJsonPtr obj(cJSON_CreateObject());
-    if (!obj || !cJSON_AddStringToObject(obj.get(), "local_time", local_time)) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    *out = cJSON_Print(obj.get());
-    if (!*out) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    return 0;
+    bool built = obj && cJSON_AddStringToObject(obj.get(), "local_time", local_time);
+    return json_print_formatted(std::move(obj), built, out, LOG_HERE);
 }

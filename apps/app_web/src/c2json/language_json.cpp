@@ -1,8 +1,10 @@
 #include "c2json/language_json.h"
 
+#include "c2json/json_print.h"
 #include "json2c/json_fields.h"
 
 #include <cjson/cJSON.h>
+#include <utility>
 
 int formatLanguageParamJSON(char **out, const LanguageFormat *lang)
 {
@@ -14,15 +16,7 @@ int formatLanguageParamJSON(char **out, const LanguageFormat *lang)
     char language[sizeof lang->language + 1];
     copy_field(language, sizeof language, lang->language);
     CJsonPtr obj(cJSON_CreateObject());
-    if (!obj || !cJSON_AddStringToObject(obj.get(), "language", language) ||
-        !cJSON_AddNumberToObject(obj.get(), "mode", lang->mode)) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    *out = cJSON_Print(obj.get());
-    if (!*out) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    return 0;
+    bool built = obj && cJSON_AddStringToObject(obj.get(), "language", language) &&
+                 cJSON_AddNumberToObject(obj.get(), "mode", lang->mode);
+    return json_print_formatted(std::move(obj), built, out, LOG_HERE);
 }

@@ -1,9 +1,11 @@
 #include "c2json/login_json.h"
 
+#include "c2json/json_print.h"
 #include "common/log.h"
 #include "common/owners.h"
 
 #include <cjson/cJSON.h>
+#include <utility>
 #include <cstring>
 #include <string>
 
@@ -18,16 +20,8 @@ int formatLoginMsgParamJSON(char **out, const LoginParam *login)
     std::string name(login->username, strnlen(login->username, sizeof login->username));
     std::string password(login->password, strnlen(login->password, sizeof login->password));
     CJsonPtr obj(cJSON_CreateObject());
-    if (!obj || !cJSON_AddStringToObject(obj.get(), "UserName", name.c_str()) ||
-        !cJSON_AddStringToObject(obj.get(), "Password", password.c_str()) ||
-        !cJSON_AddNumberToObject(obj.get(), "MD5Password", 1)) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    *out = cJSON_Print(obj.get());
-    if (!*out) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    return 0;
+    bool built = obj && cJSON_AddStringToObject(obj.get(), "UserName", name.c_str()) &&
+                 cJSON_AddStringToObject(obj.get(), "Password", password.c_str()) &&
+                 cJSON_AddNumberToObject(obj.get(), "MD5Password", 1);
+    return json_print_formatted(std::move(obj), built, out, LOG_HERE);
 }

@@ -1,10 +1,12 @@
 #include "c2json/port_json.h"
 
+#include "c2json/json_print.h"
 #include "actions/port_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
 
 #include <cjson/cJSON.h>
+#include <utility>
 
 int formatPortParamJSON(char **out, int port)
 {
@@ -13,14 +15,6 @@ int formatPortParamJSON(char **out, int port)
         return -2;
     }
     CJsonPtr obj(cJSON_CreateObject());
-    if (!obj || !cJSON_AddNumberToObject(obj.get(), "Port", port == WEB_PORT_NONE ? WEB_PORT_DEFAULT : port)) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    *out = cJSON_Print(obj.get());
-    if (!*out) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    return 0;
+    bool built = obj && cJSON_AddNumberToObject(obj.get(), "Port", port == WEB_PORT_NONE ? WEB_PORT_DEFAULT : port);
+    return json_print_formatted(std::move(obj), built, out, LOG_HERE);
 }

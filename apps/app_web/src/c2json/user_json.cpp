@@ -1,9 +1,11 @@
 #include "c2json/user_json.h"
 
+#include "c2json/json_print.h"
 #include "common/log.h"
 #include "common/owners.h"
 
 #include <cjson/cJSON.h>
+#include <utility>
 #include <cstring>
 #include <string>
 
@@ -25,26 +27,16 @@ int formatUserParamJSON(char **out, UsermgntConfig config)
     }
     *out = nullptr;
     CJsonPtr list(cJSON_CreateArray());
-    if (!list) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
+    bool built = list != nullptr;
     for (const UsermgntUser &slot : config.user) {
-        if (slot.user_name[0] == '\0')
+        if (!built || slot.user_name[0] == '\0')
             break;
         CJsonPtr item(cJSON_CreateObject());
-        if (!item || !cJSON_AddStringToObject(item.get(), "user_name", field_text(slot.user_name).c_str()) ||
-            !cJSON_AddStringToObject(item.get(), "password", field_text(slot.password).c_str()) ||
-            !cJSON_AddItemToArray(list.get(), item.get())) {
-            HTTP_ERROR("Out of memory!\n");
-            return -15;
-        }
-        item.release();  // now owned by the list
+        built = item && cJSON_AddStringToObject(item.get(), "user_name", field_text(slot.user_name).c_str()) &&
+                cJSON_AddStringToObject(item.get(), "password", field_text(slot.password).c_str()) &&
+                cJSON_AddItemToArray(list.get(), item.get());
+        if (built)
+            item.release();  // now owned by the list
     }
-    *out = cJSON_Print(list.get());
-    if (!*out) {
-        HTTP_ERROR("Out of memory!\n");
-        return -15;
-    }
-    return 0;
+    return json_print_formatted(std::move(list), built, out, LOG_HERE);
 }

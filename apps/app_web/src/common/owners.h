@@ -31,6 +31,12 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
+struct PipeCloser {
+    void operator()(FILE *f) const { pclose(f); }
+};
+// A stream from popen.
+using PipePtr = std::unique_ptr<FILE, PipeCloser>;
+
 // A file descriptor; -1 holds nothing.
 class UniqueFd {
 public:

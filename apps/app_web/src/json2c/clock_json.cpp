@@ -8,10 +8,6 @@ int getRtcParamFromJSON(const char *text, struct tm *tm)
         HTTP_ERROR("Invalid params!\n");
         return -2;
     }
-    CJsonPtr tree;
-    int rc = json_parse_text(text, &tree, LOG_HERE);
-    if (rc != 0)
-        return rc;
     // Ranges are compared as unsigned, so a negative value fails each of them. The year is
     // bounded later, by the step that sets the clock.
     const JsonField fields[] = {
@@ -23,5 +19,5 @@ int getRtcParamFromJSON(const char *text, struct tm *tm)
         json_int("tm_year", &tm->tm_year),
         json_int_in("tm_wday", &tm->tm_wday, 0, 6, "Invalid params! <wday>\n"),
     };
-    return json_read_fields(tree.get(), fields, LOG_HERE);
+    return json_parse_fields(text, fields, LOG_HERE);
 }

@@ -79,3 +79,11 @@ int json_parse_text(const char *text, CJsonPtr *tree, const LogSite &site)
     }
     return 0;
 }
+
+int json_parse_fields(const char *text, const JsonField *fields, size_t count, const LogSite &site, CJsonPtr *tree)
+{
+    CJsonPtr local;
+    CJsonPtr *root = tree ? tree : &local;
+    int rc = json_parse_text(text, root, site);
+    return rc != 0 ? rc : json_read_fields(root->get(), fields, count, site);
+}

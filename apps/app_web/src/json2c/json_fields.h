@@ -65,5 +65,16 @@ int json_read_fields(const cJSON *object, const JsonField (&fields)[N], const Lo
 // Parses text into *tree; -15 after "json pack into cjson error...\n" when it is not JSON.
 int json_parse_text(const char *text, CJsonPtr *tree, const LogSite &site);
 
+// json_parse_text, then json_read_fields on the top object: 0, -2 or -15. tree, when given,
+// keeps the parsed tree for members read by hand.
+int json_parse_fields(const char *text, const JsonField *fields, size_t count, const LogSite &site,
+                      CJsonPtr *tree = nullptr);
+
+template <size_t N>
+int json_parse_fields(const char *text, const JsonField (&fields)[N], const LogSite &site, CJsonPtr *tree = nullptr)
+{
+    return json_parse_fields(text, fields, N, site, tree);
+}
+
 // Copies src into a fixed field of size bytes, cut and always terminated.
 void copy_field(char *dest, size_t size, const char *src);

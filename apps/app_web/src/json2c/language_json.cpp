@@ -16,16 +16,12 @@ int getLanguageFormatFromJSON(const char *text, LanguageFormat *lang)
         HTTP_ERROR("Invalid params!\n");
         return -2;
     }
-    CJsonPtr tree;
-    int rc = json_parse_text(text, &tree, LOG_HERE);
-    if (rc != 0)
-        return rc;
     int mode = 0;
     const JsonField fields[] = {
         json_text_one_of("language", lang->language, sizeof lang->language, kLanguages, "Invalid params!\n"),
         json_int("mode", &mode),
     };
-    rc = json_read_fields(tree.get(), fields, LOG_HERE);
+    int rc = json_parse_fields(text, fields, LOG_HERE);
     if (rc != 0)
         return rc;
     copy_field(lang->index_page, sizeof lang->index_page, kIndexPage);

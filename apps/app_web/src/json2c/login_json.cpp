@@ -10,17 +10,13 @@ int getLoginParamFromJSON(const char *json, LoginParam *login, int *timeout)
         HTTP_ERROR("Invalid params\n");
         return -2;
     }
-    CJsonPtr root;
-    int ret = json_parse_text(json, &root, LOG_HERE);
-    if (ret != 0)
-        return ret;
     int seconds = 0;
     const JsonField fields[] = {
         json_text("username", login->username, sizeof login->username, false),
         json_text("password", login->password, sizeof login->password, false),
         json_int("timeout", &seconds),
     };
-    ret = json_read_fields(root.get(), fields, LOG_HERE);
+    int ret = json_parse_fields(json, fields, LOG_HERE);
     if (ret != 0)
         return ret;
     *timeout = seconds < 1 ? LOGIN_DEFAULT_TIMEOUT : seconds;
@@ -57,10 +53,6 @@ int getSessionidParamFromJSON(const char *json, char *sessionid, size_t size)
         HTTP_ERROR("Invalid params\n");
         return -2;
     }
-    CJsonPtr root;
-    int ret = json_parse_text(json, &root, LOG_HERE);
-    if (ret != 0)
-        return ret;
     const JsonField fields[] = {json_text("sessionid", sessionid, size)};
-    return json_read_fields(root.get(), fields, LOG_HERE);
+    return json_parse_fields(json, fields, LOG_HERE);
 }

@@ -8,10 +8,6 @@ int getPortFormatFromJSON(const char *text, int *port)
         HTTP_ERROR("Invalid params!\n");
         return -2;
     }
-    CJsonPtr tree;
-    int rc = json_parse_text(text, &tree, LOG_HERE);
-    if (rc != 0)
-        return rc;
     const JsonField fields[] = {json_int("Port", port)};
-    return json_read_fields(tree.get(), fields, LOG_HERE);
+    return json_parse_fields(text, fields, LOG_HERE);
 }

@@ -8,14 +8,10 @@ int getUserParamsFromJSON(const char *json, UsermgntUser *user, int *operation)
         HTTP_ERROR("Invalid params!\n");
         return -2;
     }
-    CJsonPtr root;
-    int ret = json_parse_text(json, &root, LOG_HERE);
-    if (ret != 0)
-        return ret;
     const JsonField fields[] = {
         json_int("operation", operation),
         json_text("user_name", user->user_name, sizeof user->user_name),
         json_text("password", user->password, sizeof user->password),
     };
-    return json_read_fields(root.get(), fields, LOG_HERE);
+    return json_parse_fields(json, fields, LOG_HERE);
 }

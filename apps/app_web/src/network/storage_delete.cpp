@@ -44,11 +44,8 @@ int getStorageFileParamFromJSON(const char *text, StorageFileParam *param)
         return -2;
     }
     CJsonPtr tree;
-    int rc = json_parse_text(text, &tree, LOG_HERE);
-    if (rc != 0)
-        return rc;
     const JsonField fields[] = {json_int("mode", &param->mode)};
-    rc = json_read_fields(tree.get(), fields, LOG_HERE);
+    int rc = json_parse_fields(text, fields, LOG_HERE, &tree);
     if (rc != 0)
         return rc;
     const cJSON *names = cJSON_GetObjectItemCaseSensitive(tree.get(), "file");

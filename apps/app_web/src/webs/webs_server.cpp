@@ -199,6 +199,14 @@ MHD_Result refuse(WebsPrivate *r, int status, const char *message, const std::st
     return MHD_YES;
 }
 
+// Drops body bytes nobody uses; past kMaxDiscard the connection is closed rather than read on.
+MHD_Result drop_body(WebsPrivate *r, size_t *upload_data_size)
+{
+    r->discarded += *upload_data_size;
+    *upload_data_size = 0;
+    return r->discarded <= kMaxDiscard ? MHD_YES : MHD_NO;
+}
+
 MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
 {
     r->method = method;
@@ -271,10 +279,8 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
         }
         return finish_request(r);
     case RequestState::Document:
-        if (*upload_data_size > 0) {
-            *upload_data_size = 0;  // a body sent with a GET means nothing
-            return MHD_YES;
-        }
+        if (*upload_data_size > 0)
+            return drop_body(r, upload_data_size);  // a body sent with a GET means nothing
         r->state = RequestState::Answered;
         return serve_document(r->connection, method, r->path);
     case RequestState::Queued:
@@ -284,8 +290,7 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
         r->state = RequestState::Answered;
         return queue_action_reply(r);
     case RequestState::Answered:
-        *upload_data_size = 0;  // the body of a refused request is dropped
-        return MHD_YES;
+        return drop_body(r, upload_data_size);  // the body of a refused request
     }
     return MHD_NO;
 }

@@ -101,6 +101,29 @@ TEST_F(RequestLimits, BodySentWithADocumentRequestIsDroppedAfterABoundedAmount)
     EXPECT_LT(taken, 48u << 20) << "the server kept reading a body nobody uses";
 }
 
+TEST_F(RequestLimits, BodiesWaitingInTemporaryFilesAreBoundedTogether)
+{
+    // Bodies are taken in before any session is checked: one image of the largest size may
+    // wait in /tmp, a second large body beside it is refused, before it is sent if it can be.
+    const unsigned long long image = 200ull << 20;
+    auto first = std::make_unique<Client>(port);
+    first->send(body_head("POST", "/action/device/login", 256ull << 20) + std::string(1 << 20, 'i'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable",
+              status_line(ts::raw_http(port, body_head("POST", "/action/device/StartUpgrade", image), 2000)));
+    std::string chunked = "POST /action/device/StartUpgrade HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                          "Transfer-Encoding: chunked\r\n\r\n";
+    for (int i = 0; i < 24; ++i)
+        chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", status_line(ts::raw_http(port, chunked + "0\r\n\r\n", 5000)));
+
+    // Once the first client is gone, its room is free again: the next body is awaited.
+    first.reset();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ("", ts::raw_http(port, body_head("POST", "/action/device/StartUpgrade", image), 300));
+    EXPECT_EQ(0, ts::layer_temp_files());
+}
+
 TEST_F(RequestLimits, MultipartOver4MiBAnswers413)
 {
     ts::write_file("/tmp/big.png", std::string(4 * 1024 * 1024 + 1, 'p'));

@@ -20,6 +20,10 @@ constexpr uint64_t kMaxMultipart = 4ull * 1024 * 1024;
 constexpr uint64_t kMaxInMemoryBody = 64 * 1024;
 // A plain body up to this size is spooled to a temporary file (firmware images); larger: 413.
 constexpr uint64_t kMaxSpooledBody = 256ull * 1024 * 1024;
+// Bytes that all requests together may hold in temporary files at once: one firmware image
+// of the largest size and a few pictures. Bodies are taken in before the action checks the
+// caller, so without this bound clients without a session could fill /tmp. Beyond it: 503.
+constexpr uint64_t kMaxTempBytes = kMaxSpooledBody + 4 * kMaxMultipart;
 // A body nobody uses (refused mid-way, or sent with a document request): at most this much is
 // read and dropped, so that the reply can be sent; a client that sends more is disconnected.
 constexpr uint64_t kMaxDiscard = 16ull * 1024 * 1024;

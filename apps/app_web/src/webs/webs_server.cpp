@@ -186,14 +186,14 @@ MHD_Result send_refusal(WebsPrivate *r)
 }
 
 // Refuses a request. The refusal is sent once the request is complete, which keeps the
-// connection open for the next request; a body announced too large is refused at once
-// (libmicrohttpd then closes the connection instead of reading it).
+// connection open for the next request; a body announced too large, or with no room in
+// /tmp, is refused at once (libmicrohttpd then closes the connection instead of reading it).
 MHD_Result refuse(WebsPrivate *r, int status, const char *message, const std::string &allow = {})
 {
     r->refusal = status;
     r->refusal_message = message;
     r->allow = allow;
-    if (status == MHD_HTTP_CONTENT_TOO_LARGE)
+    if (status == MHD_HTTP_CONTENT_TOO_LARGE || status == MHD_HTTP_SERVICE_UNAVAILABLE)
         return send_refusal(r);
     r->state = RequestState::Discarding;
     return MHD_YES;
@@ -239,7 +239,7 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
         return refuse(r, MHD_HTTP_NOT_FOUND, "No such action");
     r->proc = it->second;
     if (int status = request_begin_body(r))
-        return refuse(r, status, status == MHD_HTTP_CONTENT_TOO_LARGE ? "Request body too large" : "Malformed request");
+        return refuse(r, status, body_refusal_text(status));
     return MHD_YES;
 }
 

@@ -123,13 +123,16 @@ int64_t announced_length(MHD_Connection *c)
 }
 
 MHD_Result post_iterator(void *cls, MHD_ValueKind, const char *key, const char *filename,
-                         const char *content_type, const char *, const char *data, uint64_t, size_t size)
+                         const char *content_type, const char *, const char *data, uint64_t off, size_t size)
 {
     auto *r = static_cast<WebsPrivate *>(cls);
     if (!filename || r->upload_closed)
         return MHD_YES;  // form fields and later file parts are not used
     const char *k = key ? key : "";
-    if (r->upload.active() && (r->upload_key != k || r->upload_client_name != filename)) {
+    // A part starts again at offset 0, also when it repeats the first part's field and file
+    // name (the first call of a part may come with no data, so offset 0 alone does not tell).
+    if (r->upload.active() &&
+        (r->upload_key != k || r->upload_client_name != filename || (off == 0 && r->upload.size() > 0))) {
         // A new part began: the first file is complete.
         r->upload_closed = true;
         return MHD_YES;

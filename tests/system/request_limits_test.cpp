@@ -2,12 +2,51 @@
 // cost, leaving no temporary file behind.
 #include "server_support.h"
 
+#include <arpa/inet.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
+
+// A connection that stays open while the test sends a body piece by piece.
+class Client {
+public:
+    explicit Client(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(0, connect(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    }
+    ~Client() { close(fd_); }
+    // Bytes of data the server took before it closed the connection (all of them if it never did).
+    size_t send(const std::string &data)
+    {
+        size_t off = 0;
+        while (off < data.size()) {
+            ssize_t n = ::send(fd_, data.data() + off, data.size() - off, MSG_NOSIGNAL);
+            if (n <= 0)
+                break;
+            off += static_cast<size_t>(n);
+        }
+        return off;
+    }
+
+private:
+    int fd_;
+};
+
+std::string body_head(const std::string &method, const std::string &path, unsigned long long length)
+{
+    return method + " " + path + " HTTP/1.1\r\nHost: x\r\nContent-Type: application/octet-stream\r\n"
+                                  "Connection: close\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+}
 
 class RequestLimits : public ::testing::Test {
 protected:
@@ -49,6 +88,40 @@ TEST_F(RequestLimits, AnnouncedBodyOver256MiBAnswers413WithoutBeingSent)
                                    "POST /action/device/set_user_param HTTP/1.1\r\nHost: x\r\n"
                                    "Content-Type: application/json\r\nContent-Length: 268435457\r\n\r\n{");
     EXPECT_EQ("HTTP/1.1 413 Content Too Large", status_line(raw));
+}
+
+TEST_F(RequestLimits, BodySentWithADocumentRequestIsDroppedAfterABoundedAmount)
+{
+    Client client(port);
+    client.send(body_head("GET", "/login.html", 1ull << 40));
+    size_t taken = 0;
+    std::string block(1 << 20, 'b');
+    for (int i = 0; i < 64 && taken == block.size() * i; ++i)
+        taken += client.send(block);
+    EXPECT_LT(taken, 48u << 20) << "the server kept reading a body nobody uses";
+}
+
+TEST_F(RequestLimits, BodiesWaitingInTemporaryFilesAreBoundedTogether)
+{
+    // Bodies are taken in before any session is checked: one image of the largest size may
+    // wait in /tmp, a second large body beside it is refused, before it is sent if it can be.
+    const unsigned long long image = 200ull << 20;
+    auto first = std::make_unique<Client>(port);
+    first->send(body_head("POST", "/action/device/login", 256ull << 20) + std::string(1 << 20, 'i'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable",
+              status_line(ts::raw_http(port, body_head("POST", "/action/device/StartUpgrade", image), 2000)));
+    std::string chunked = "POST /action/device/StartUpgrade HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                          "Transfer-Encoding: chunked\r\n\r\n";
+    for (int i = 0; i < 24; ++i)
+        chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", status_line(ts::raw_http(port, chunked + "0\r\n\r\n", 5000)));
+
+    // Once the first client is gone, its room is free again: the next body is awaited.
+    first.reset();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ("", ts::raw_http(port, body_head("POST", "/action/device/StartUpgrade", image), 300));
+    EXPECT_EQ(0, ts::layer_temp_files());
 }
 
 TEST_F(RequestLimits, MultipartOver4MiBAnswers413)

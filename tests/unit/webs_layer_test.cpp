@@ -228,6 +228,18 @@ TEST_F(Layer, MultipartFileBecomesCurrentFileAndIsRemovedAfterTheRequest)
     EXPECT_EQ(0, ts::layer_temp_files());
 }
 
+TEST_F(Layer, OnlyTheFirstFilePartIsKeptWhenLaterPartsRepeatItsName)
+{
+    std::string part = "--XX\r\nContent-Disposition: form-data; name=\"f\"; filename=\"a.png\"\r\n"
+                       "Content-Type: image/png\r\n\r\n";
+    std::string body = part + "first\r\n" + part + "second part\r\n--XX--\r\n";
+    std::string reply = ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                                           "Content-Type: multipart/form-data; boundary=XX\r\n"
+                                           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    EXPECT_NE(std::string::npos, reply.find("a.png,image/png,5 -")) << reply;
+    EXPECT_EQ("first", seen.upload_content);
+}
+
 TEST_F(Layer, PlainBodyOver64KiBIsSpooledToAFile)
 {
     std::string at_limit(64 * 1024, 'm');

@@ -74,6 +74,25 @@ private:
     uint64_t size_ = 0;
 };
 
+// A request's share of kMaxTempBytes, the room that all requests together may take in
+// temporary files; given back when the request goes (on whichever thread that is).
+class TempRoom {
+public:
+    TempRoom() = default;
+    TempRoom(const TempRoom &) = delete;
+    TempRoom &operator=(const TempRoom &) = delete;
+    ~TempRoom() { release(); }
+    // Grows the share to total bytes; false, the share unchanged, when there is no room.
+    bool reserve(uint64_t total);
+    void release();
+
+private:
+    uint64_t held_ = 0;
+};
+
+// Text of the error page that refuses a request body with this status.
+const char *body_refusal_text(int status);
+
 struct PostProcessorDeleter {
     void operator()(MHD_PostProcessor *pp) const { MHD_destroy_post_processor(pp); }
 };
@@ -124,6 +143,7 @@ struct WebsPrivate {
     const char *refusal_message = "";     // text of its error page
     std::string allow;                    // Allow header of a 405
     std::string body;
+    webs::TempRoom temp_room;  // declared before the files: they are removed before it is given back
     webs::TempFile spool;
     webs::PostProcessorPtr post;
     webs::TempFile upload;

@@ -20,8 +20,12 @@ constexpr uint64_t kMaxMultipart = 4ull * 1024 * 1024;
 constexpr uint64_t kMaxInMemoryBody = 64 * 1024;
 // A plain body up to this size is spooled to a temporary file (firmware images); larger: 413.
 constexpr uint64_t kMaxSpooledBody = 256ull * 1024 * 1024;
-// After refusing a chunked body mid-way, at most this much more is read and dropped so that
-// the 413 can be sent; a client that sends more is disconnected instead.
+// Bytes that all requests together may hold in temporary files at once: one firmware image
+// of the largest size and a few pictures. Bodies are taken in before the action checks the
+// caller, so without this bound clients without a session could fill /tmp. Beyond it: 503.
+constexpr uint64_t kMaxTempBytes = kMaxSpooledBody + 4 * kMaxMultipart;
+// A body nobody uses (refused mid-way, or sent with a document request): at most this much is
+// read and dropped, so that the reply can be sent; a client that sends more is disconnected.
 constexpr uint64_t kMaxDiscard = 16ull * 1024 * 1024;
 // An action's reply is buffered whole before it is sent; a procedure writing more is cut
 // off with a 500 (the largest real replies, recording lists, stay far below).

@@ -54,6 +54,43 @@ bool TempFile::append(const char *data, size_t len)
     return true;
 }
 
+namespace {
+
+// Bytes held by every request's TempRoom.
+std::atomic<uint64_t> temp_bytes_held{0};
+
+}  // namespace
+
+bool TempRoom::reserve(uint64_t total)
+{
+    if (total <= held_)
+        return true;
+    uint64_t more = total - held_;
+    uint64_t held = temp_bytes_held.load(std::memory_order_relaxed);
+    do {
+        if (more > kMaxTempBytes - held)
+            return false;
+    } while (!temp_bytes_held.compare_exchange_weak(held, held + more, std::memory_order_relaxed));
+    held_ = total;
+    return true;
+}
+
+void TempRoom::release()
+{
+    temp_bytes_held.fetch_sub(held_, std::memory_order_relaxed);
+    held_ = 0;
+}
+
+const char *body_refusal_text(int status)
+{
+    switch (status) {
+    case MHD_HTTP_CONTENT_TOO_LARGE: return "Request body too large";
+    case MHD_HTTP_BAD_REQUEST: return "Malformed request body";
+    case MHD_HTTP_SERVICE_UNAVAILABLE: return "Too many uploads at once, try again later";
+    default: return "Cannot store the request body";
+    }
+}
+
 WebsPrivate *request_new(const char *uri, MHD_Connection *connection)
 {
     auto *r = new WebsPrivate;
@@ -86,13 +123,16 @@ int64_t announced_length(MHD_Connection *c)
 }
 
 MHD_Result post_iterator(void *cls, MHD_ValueKind, const char *key, const char *filename,
-                         const char *content_type, const char *, const char *data, uint64_t, size_t size)
+                         const char *content_type, const char *, const char *data, uint64_t off, size_t size)
 {
     auto *r = static_cast<WebsPrivate *>(cls);
     if (!filename || r->upload_closed)
         return MHD_YES;  // form fields and later file parts are not used
     const char *k = key ? key : "";
-    if (r->upload.active() && (r->upload_key != k || r->upload_client_name != filename)) {
+    // A part starts again at offset 0, also when it repeats the first part's field and file
+    // name (the first call of a part may come with no data, so offset 0 alone does not tell).
+    if (r->upload.active() &&
+        (r->upload_key != k || r->upload_client_name != filename || (off == 0 && r->upload.size() > 0))) {
         // A new part began: the first file is complete.
         r->upload_closed = true;
         return MHD_YES;
@@ -118,14 +158,13 @@ void refuse_body(WebsPrivate *r, int status)
 {
     r->state = RequestState::Discarding;
     r->refusal = status;
-    r->refusal_message = status == MHD_HTTP_CONTENT_TOO_LARGE ? "Request body too large"
-                         : status == MHD_HTTP_BAD_REQUEST     ? "Malformed request body"
-                                                              : "Cannot store the request body";
+    r->refusal_message = body_refusal_text(status);
     r->body.clear();
     r->body.shrink_to_fit();
     r->post.reset();
     r->upload.remove();
     r->spool.remove();
+    r->temp_room.release();
 }
 
 bool take_plain(WebsPrivate *r, const char *data, size_t size)
@@ -156,6 +195,8 @@ int request_begin_body(WebsPrivate *r)
     if (type && strncasecmp(type, kMultipart, sizeof kMultipart - 1) == 0) {
         if (length > static_cast<int64_t>(kMaxMultipart))
             return MHD_HTTP_CONTENT_TOO_LARGE;
+        if (length > 0 && !r->temp_room.reserve(static_cast<uint64_t>(length)))
+            return MHD_HTTP_SERVICE_UNAVAILABLE;
         r->post.reset(MHD_create_post_processor(r->connection, 16 * 1024, post_iterator, r));
         if (!r->post)
             return MHD_HTTP_BAD_REQUEST;  // no boundary
@@ -163,6 +204,8 @@ int request_begin_body(WebsPrivate *r)
     } else {
         if (length > static_cast<int64_t>(kMaxSpooledBody))
             return MHD_HTTP_CONTENT_TOO_LARGE;
+        if (length > static_cast<int64_t>(kMaxInMemoryBody) && !r->temp_room.reserve(static_cast<uint64_t>(length)))
+            return MHD_HTTP_SERVICE_UNAVAILABLE;
         r->body_kind = BodyKind::Plain;
     }
     r->state = RequestState::Receiving;
@@ -176,9 +219,14 @@ bool request_take_body(WebsPrivate *r, const char *data, size_t size)
         return r->discarded <= kMaxDiscard;
     }
     r->received += size;
+    // A body without a length takes its room in /tmp as it comes (one with a length took it
+    // whole at the start): a multipart body may go to a file from any byte on, a plain one
+    // once it no longer fits in memory.
     if (r->body_kind == BodyKind::Multipart) {
         if (r->received > kMaxMultipart) {
             refuse_body(r, MHD_HTTP_CONTENT_TOO_LARGE);
+        } else if (!r->temp_room.reserve(r->received)) {
+            refuse_body(r, MHD_HTTP_SERVICE_UNAVAILABLE);
         } else if (MHD_post_process(r->post.get(), data, size) != MHD_YES) {
             // A failed file write was logged by the iterator; anything else is a malformed body.
             refuse_body(r, r->upload.active() && !r->upload_closed ? MHD_HTTP_INTERNAL_SERVER_ERROR
@@ -188,6 +236,8 @@ bool request_take_body(WebsPrivate *r, const char *data, size_t size)
     }
     if (r->received > kMaxSpooledBody)
         refuse_body(r, MHD_HTTP_CONTENT_TOO_LARGE);
+    else if (r->received > kMaxInMemoryBody && !r->temp_room.reserve(r->received))
+        refuse_body(r, MHD_HTTP_SERVICE_UNAVAILABLE);
     else if (!take_plain(r, data, size))
         refuse_body(r, MHD_HTTP_INTERNAL_SERVER_ERROR);
     return true;

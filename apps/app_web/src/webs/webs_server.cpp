@@ -186,17 +186,25 @@ MHD_Result send_refusal(WebsPrivate *r)
 }
 
 // Refuses a request. The refusal is sent once the request is complete, which keeps the
-// connection open for the next request; a body announced too large is refused at once
-// (libmicrohttpd then closes the connection instead of reading it).
+// connection open for the next request; a body announced too large, or with no room in
+// /tmp, is refused at once (libmicrohttpd then closes the connection instead of reading it).
 MHD_Result refuse(WebsPrivate *r, int status, const char *message, const std::string &allow = {})
 {
     r->refusal = status;
     r->refusal_message = message;
     r->allow = allow;
-    if (status == MHD_HTTP_CONTENT_TOO_LARGE)
+    if (status == MHD_HTTP_CONTENT_TOO_LARGE || status == MHD_HTTP_SERVICE_UNAVAILABLE)
         return send_refusal(r);
     r->state = RequestState::Discarding;
     return MHD_YES;
+}
+
+// Drops body bytes nobody uses; past kMaxDiscard the connection is closed rather than read on.
+MHD_Result drop_body(WebsPrivate *r, size_t *upload_data_size)
+{
+    r->discarded += *upload_data_size;
+    *upload_data_size = 0;
+    return r->discarded <= kMaxDiscard ? MHD_YES : MHD_NO;
 }
 
 MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
@@ -231,7 +239,7 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
         return refuse(r, MHD_HTTP_NOT_FOUND, "No such action");
     r->proc = it->second;
     if (int status = request_begin_body(r))
-        return refuse(r, status, status == MHD_HTTP_CONTENT_TOO_LARGE ? "Request body too large" : "Malformed request");
+        return refuse(r, status, body_refusal_text(status));
     return MHD_YES;
 }
 
@@ -271,10 +279,8 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
         }
         return finish_request(r);
     case RequestState::Document:
-        if (*upload_data_size > 0) {
-            *upload_data_size = 0;  // a body sent with a GET means nothing
-            return MHD_YES;
-        }
+        if (*upload_data_size > 0)
+            return drop_body(r, upload_data_size);  // a body sent with a GET means nothing
         r->state = RequestState::Answered;
         return serve_document(r->connection, method, r->path);
     case RequestState::Queued:
@@ -284,8 +290,7 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
         r->state = RequestState::Answered;
         return queue_action_reply(r);
     case RequestState::Answered:
-        *upload_data_size = 0;  // the body of a refused request is dropped
-        return MHD_YES;
+        return drop_body(r, upload_data_size);  // the body of a refused request
     }
     return MHD_NO;
 }

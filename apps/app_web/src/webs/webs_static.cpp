@@ -235,9 +235,9 @@ UniqueFd open_document(const DocumentConfig &cfg, std::string_view path, std::st
 
 MHD_Response *file_response(UniqueFd fd, uint64_t offset, uint64_t length, bool head)
 {
-    if (head)  // libmicrohttpd sends the headers (Content-Length included) and no body
-        return MHD_create_response_from_fd_at_offset64(length, fd.release(), offset);
-    if (length <= webs_limits::kMaxMemoryFile) {
+    // For HEAD, libmicrohttpd sends the headers of the file response (Content-Length
+    // included) and never reads the file.
+    if (!head && length <= webs_limits::kMaxMemoryFile) {
         char buf[webs_limits::kMaxMemoryFile];
         ssize_t n = length ? pread(fd.get(), buf, length, static_cast<off_t>(offset)) : 0;
         if (n == static_cast<ssize_t>(length))

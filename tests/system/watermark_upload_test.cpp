@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <set>
+#include <sys/stat.h>
 
 namespace {
 
@@ -144,6 +145,14 @@ TEST(WatermarkUpload, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone
     }
     EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/x.png"));
     EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/watermark/a"));
+
+    // A missing directory is made, for its owner only.
+    ts::remove_tree(kWatermark);
+    EXPECT_EQ(ts::plain_ok(), upload(dev.port(), "sessionid=" + sid + "&fileName=new.jpg", jpeg(), "image/jpeg").body);
+    struct stat st {};
+    EXPECT_EQ(0, stat(kWatermark.c_str(), &st));
+    EXPECT_EQ(0700u, st.st_mode & 07777);
+    EXPECT_EQ(std::set<std::string>{"new.jpg"}, watermark_files());
 
     std::string log = dev.server_log();
     for (const char *line : {">: upload PIC picture file max[1920,1080]  current[1921,1080]\n",

@@ -106,10 +106,6 @@ struct Server {
     std::map<std::string, WebsAction, std::less<>> actions;
     MHD_Daemon *daemon = nullptr;
     ActionRunner runner;
-    // Signalled when a procedure completes a reply. libmicrohttpd wakes only a loop of its
-    // own threads on a resume; this loop would otherwise send the reply on its next turn,
-    // up to kMaxLoopWaitMs later.
-    UniqueFd wake;
 
     // Back to the state before websOpen (the runner has been stopped).
     void reset()
@@ -124,7 +120,6 @@ struct Server {
         host.clear();
         actions.clear();
         daemon = nullptr;
-        wake.reset();
     }
 };
 
@@ -136,6 +131,11 @@ std::mutex listen_mutex;
 int listen_id = -1;
 int listen_fd = -1;
 std::atomic<int> next_listen_id{0};
+
+// Signalled when a procedure completes a reply, from websOpen to websClose. libmicrohttpd
+// wakes only a loop of its own threads on a resume; this loop would otherwise send the
+// reply on its next turn, up to kMaxLoopWaitMs later.
+UniqueFd loop_wake;
 
 constexpr char kDefaultIndex[] = "index.html";
 
@@ -348,7 +348,7 @@ void resume_request(WebsPrivate *r)
 {
     MHD_resume_connection(r->connection);
     uint64_t one = 1;
-    if (srv.wake && write(srv.wake.get(), &one, sizeof one) < 0 && errno != EAGAIN)
+    if (loop_wake && write(loop_wake.get(), &one, sizeof one) < 0 && errno != EAGAIN)
         HTTP_ERROR("cannot wake the event loop: %s\n", strerror(errno));
 }
 
@@ -368,12 +368,11 @@ int websOpen(const char *documents, const char *routeFile)
     std::vector<Route> routes;
     if (load_routes(routeFile, &routes) < 0)
         return -1;
-    UniqueFd wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (!wake) {
+    loop_wake.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!loop_wake) {
         HTTP_ERROR("cannot create the event loop's wake-up: %s\n", strerror(errno));
         return -1;
     }
-    srv.wake = std::move(wake);
     srv.documents = documents;
     srv.routes = std::move(routes);
     srv.docs.root = real;
@@ -405,6 +404,7 @@ void websClose()
         MHD_stop_daemon(srv.daemon);  // closes the listening socket and every connection
     }
     srv.reset();
+    loop_wake.reset();
 }
 
 void websSetIpAddr(const char *ipaddr) { srv.ipaddr = ipaddr ? ipaddr : ""; }
@@ -495,10 +495,10 @@ void wait_for_events()
     if (MHD_get_timeout(srv.daemon, &engine_timeout) == MHD_YES && engine_timeout < static_cast<unsigned>(timeout))
         timeout = static_cast<int>(engine_timeout);
     const MHD_DaemonInfo *info = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD);
-    pollfd fds[2] = {{info ? info->epoll_fd : -1, POLLIN, 0}, {srv.wake.get(), POLLIN, 0}};
+    pollfd fds[2] = {{info ? info->epoll_fd : -1, POLLIN, 0}, {loop_wake.get(), POLLIN, 0}};
     if (poll(fds, 2, timeout) > 0 && (fds[1].revents & POLLIN)) {
         uint64_t count;
-        if (read(srv.wake.get(), &count, sizeof count) < 0 && errno != EAGAIN)
+        if (read(loop_wake.get(), &count, sizeof count) < 0 && errno != EAGAIN)
             HTTP_ERROR("cannot read the event loop's wake-up: %s\n", strerror(errno));
     }
 }

@@ -78,7 +78,7 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteAndTheLastProgressIsTheReply)
     ts::Device dev;
     std::string sid = dev.login();
     ASSERT_EQ(36u, sid.size());
-    ts::write_file(kImage, "previous image, longer than the small one");
+    ts::write_file(kImage, "previous image");  // the empty body comes first: replaced whole
     std::string small;
     for (int i = 0; i < 3000; ++i)
         small += static_cast<char>(i % 256);  // NUL bytes included: the body is no text

@@ -1,6 +1,7 @@
 // Recording listing benchmark: builds cards under the storage root and compares the listing
 // action with find(1) over the same tree (time), and the peak resident memory a listing adds
-// with the size of its reply. Runs only inside tests/isolate.sh (bench/listing.sh).
+// with the size of its reply. Runs only inside tests/isolate.sh (bench/listing.sh; with
+// --card FOLDERS FILES it only lays out a card, for bench/listing_server.sh).
 #include "common/owners.h"
 #include "network/storage.h"
 
@@ -141,6 +142,11 @@ int main(int argc, char **argv)
     }
     if (argc > 1 && strcmp(argv[1], "--peak") == 0)
         return measure_peak();
+    // Only lays out a card, for the benchmark through the server (bench/listing_server.sh).
+    if (argc == 4 && strcmp(argv[1], "--card") == 0) {
+        build_card({static_cast<int>(strtol(argv[2], nullptr, 10)), static_cast<int>(strtol(argv[3], nullptr, 10))});
+        return 0;
+    }
 
     printf("%-14s %7s %10s %10s %9s %7s %12s %8s\n", "card", "files", "reply B", "list ms", "find ms", "time x",
            "peak add kB", "mem x");

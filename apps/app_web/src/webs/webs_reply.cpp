@@ -186,6 +186,16 @@ ssize_t websWrite(Webs *wp, const char *fmt, ...)
         return -1;
     va_list ap;
     va_start(ap, fmt);
+    if (strcmp(fmt, "%s") == 0) {
+        // A whole reply text (every JSON reply) goes in as it stands: formatting a large
+        // one first would hold a third copy of it beside the caller's and the reply's.
+        const char *text = va_arg(ap, const char *);
+        va_end(ap);
+        if (!text)
+            text = "(null)";
+        size_t len = strlen(text);
+        return reply_append(wp->priv->reply, text, len) ? static_cast<ssize_t>(len) : -1;
+    }
     char stack[1024];
     va_list copy;
     va_copy(copy, ap);

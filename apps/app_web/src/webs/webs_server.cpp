@@ -22,6 +22,8 @@
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -134,6 +136,11 @@ std::mutex listen_mutex;
 int listen_id = -1;
 int listen_fd = -1;
 std::atomic<int> next_listen_id{0};
+
+// Signalled when a procedure completes a reply, from websOpen to websClose. libmicrohttpd
+// wakes only a loop of its own threads on a resume; this loop would otherwise send the
+// reply on its next turn, up to kMaxLoopWaitMs later.
+UniqueFd loop_wake;
 
 constexpr char kDefaultIndex[] = "index.html";
 
@@ -353,7 +360,13 @@ void forget_listener()
 
 const DocumentConfig &document_config() { return srv.docs; }
 
-void resume_request(WebsPrivate *r) { MHD_resume_connection(r->connection); }
+void resume_request(WebsPrivate *r)
+{
+    MHD_resume_connection(r->connection);
+    uint64_t one = 1;
+    if (loop_wake && write(loop_wake.get(), &one, sizeof one) < 0 && errno != EAGAIN)
+        HTTP_ERROR("cannot wake the event loop: %s\n", strerror(errno));
+}
 
 }  // namespace webs
 
@@ -371,6 +384,11 @@ int websOpen(const char *documents, const char *routeFile)
     std::vector<Route> routes;
     if (load_routes(routeFile, &routes) < 0)
         return -1;
+    loop_wake.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!loop_wake) {
+        HTTP_ERROR("cannot create the event loop's wake-up: %s\n", strerror(errno));
+        return -1;
+    }
     srv.documents = documents;
     srv.routes = std::move(routes);
     srv.docs.root = real;
@@ -405,6 +423,7 @@ void websClose()
         MHD_stop_daemon(srv.daemon);  // closes the listening socket and every connection
     }
     srv.reset();
+    loop_wake.reset();
 }
 
 void websSetIpAddr(const char *ipaddr) { srv.ipaddr = ipaddr ? ipaddr : ""; }
@@ -484,13 +503,36 @@ int websDefineAction(const char *name, WebsAction proc)
     return 0;
 }
 
+namespace {
+
+// Waits until libmicrohttpd has work, a procedure has completed a reply, or the loop's
+// longest wait has passed.
+void wait_for_events()
+{
+    int timeout = kMaxLoopWaitMs;
+    MHD_UNSIGNED_LONG_LONG engine_timeout = 0;
+    if (MHD_get_timeout(srv.daemon, &engine_timeout) == MHD_YES && engine_timeout < static_cast<unsigned>(timeout))
+        timeout = static_cast<int>(engine_timeout);
+    const MHD_DaemonInfo *info = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD);
+    pollfd fds[2] = {{info ? info->epoll_fd : -1, POLLIN, 0}, {loop_wake.get(), POLLIN, 0}};
+    if (poll(fds, 2, timeout) > 0 && (fds[1].revents & POLLIN)) {
+        uint64_t count;
+        if (read(loop_wake.get(), &count, sizeof count) < 0 && errno != EAGAIN)
+            HTTP_ERROR("cannot read the event loop's wake-up: %s\n", strerror(errno));
+    }
+}
+
+}  // namespace
+
 void websServiceEvents(std::atomic<int> *finished)
 {
     while (!finished || !finished->load()) {
-        if (srv.daemon)
-            MHD_run_wait(srv.daemon, kMaxLoopWaitMs);
-        else
+        if (srv.daemon) {
+            wait_for_events();
+            MHD_run(srv.daemon);
+        } else {
             std::this_thread::sleep_for(std::chrono::milliseconds(kMaxLoopWaitMs));
+        }
     }
 }
 

@@ -4,7 +4,7 @@
 // libmicrohttpd runs in external-loop mode with epoll on the thread that calls
 // websServiceEvents. An action request is suspended once its body is complete and queued to
 // the one action thread, which runs the procedures one at a time in arrival order; the
-// procedure's websDone resumes the connection and the event loop sends the reply.
+// procedure's websDone resumes the connection and wakes the event loop, which sends the reply.
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
@@ -21,6 +21,8 @@
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -103,6 +105,11 @@ struct Server {
     std::string ipaddr, host;
     std::map<std::string, WebsAction, std::less<>> actions;
     MHD_Daemon *daemon = nullptr;
+    int epoll_fd = -1;  // libmicrohttpd's own, watched by the event loop
+    // Wakes the event loop when an action thread resumes a connection: without an internal
+    // thread libmicrohttpd has no wake-up of its own, and the reply would wait for the next
+    // network event or the loop's time-out.
+    UniqueFd wake;
     ActionRunner runner;
 
     // Back to the state before websOpen (the runner has been stopped).
@@ -118,6 +125,8 @@ struct Server {
         host.clear();
         actions.clear();
         daemon = nullptr;
+        epoll_fd = -1;
+        wake.reset();
     }
 };
 
@@ -337,7 +346,36 @@ void forget_listener()
 
 const DocumentConfig &document_config() { return srv.docs; }
 
-void resume_request(WebsPrivate *r) { MHD_resume_connection(r->connection); }
+void resume_request(WebsPrivate *r)
+{
+    MHD_resume_connection(r->connection);
+    if (srv.wake) {
+        uint64_t one = 1;
+        ssize_t n = write(srv.wake.get(), &one, sizeof one);
+        (void)n;  // the counter saturating still leaves the loop woken
+    }
+}
+
+namespace {
+
+// Waits for network activity, a resumed request or libmicrohttpd's next timer (at most
+// kMaxLoopWaitMs), then lets libmicrohttpd do whatever is due.
+void run_events_once()
+{
+    int wait_ms = kMaxLoopWaitMs;
+    MHD_UNSIGNED_LONG_LONG due = 0;
+    if (MHD_get_timeout(srv.daemon, &due) == MHD_YES && due < static_cast<MHD_UNSIGNED_LONG_LONG>(wait_ms))
+        wait_ms = static_cast<int>(due);
+    pollfd fds[2] = {{srv.epoll_fd, POLLIN, 0}, {srv.wake.get(), POLLIN, 0}};
+    if (poll(fds, 2, wait_ms) > 0 && (fds[1].revents & POLLIN)) {
+        uint64_t count = 0;
+        ssize_t n = read(srv.wake.get(), &count, sizeof count);
+        (void)n;  // nothing to read means another turn already took the wake-up
+    }
+    MHD_run(srv.daemon);
+}
+
+}  // namespace
 
 }  // namespace webs
 
@@ -419,9 +457,10 @@ int websListen(const char *endpoint)
         error("invalid endpoint %s", endpoint ? endpoint : "(null)");
         return -1;
     }
+    UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     int on = 1;
-    if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+    if (!wake || !fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
         listen(fd.get(), kListenBacklog) != 0) {
         error("cannot listen on %s: %s", endpoint, strerror(errno));
@@ -445,6 +484,8 @@ int websListen(const char *endpoint)
         error("cannot start the HTTP engine on %s", endpoint);
         return -1;
     }
+    srv.epoll_fd = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+    srv.wake = std::move(wake);
     std::lock_guard<std::mutex> lock(listen_mutex);
     listen_fd = fd.release();  // libmicrohttpd closes it when the daemon stops
     listen_id = next_listen_id++;
@@ -469,7 +510,7 @@ void websServiceEvents(std::atomic<int> *finished)
 {
     while (!finished || !finished->load()) {
         if (srv.daemon)
-            MHD_run_wait(srv.daemon, kMaxLoopWaitMs);
+            run_events_once();
         else
             std::this_thread::sleep_for(std::chrono::milliseconds(kMaxLoopWaitMs));
     }

@@ -46,8 +46,11 @@ public:
     void push(WebsPrivate *r)
     {
         r->refs.fetch_add(1, std::memory_order_relaxed);
-        std::lock_guard<std::mutex> lock(mutex_);
-        queue_.push_back(r);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            queue_.push_back(r);
+        }
+        // Notified after unlocking, so that the woken thread does not block on the lock.
         wake_.notify_one();
     }
 
@@ -110,6 +113,9 @@ struct Server {
     // thread libmicrohttpd has no wake-up of its own, and the reply would wait for the next
     // network event or the loop's time-out.
     UniqueFd wake;
+    // Set while a wake-up is written and not yet taken: the action thread then leaves out
+    // further writes, the loop's next turn resumes every connection anyway.
+    std::atomic<bool> wake_pending{false};
     ActionRunner runner;
 
     // Back to the state before websOpen (the runner has been stopped).
@@ -127,6 +133,7 @@ struct Server {
         daemon = nullptr;
         epoll_fd = -1;
         wake.reset();
+        wake_pending = false;
     }
 };
 
@@ -349,7 +356,7 @@ const DocumentConfig &document_config() { return srv.docs; }
 void resume_request(WebsPrivate *r)
 {
     MHD_resume_connection(r->connection);
-    if (srv.wake) {
+    if (srv.wake && !srv.wake_pending.exchange(true)) {
         uint64_t one = 1;
         ssize_t n = write(srv.wake.get(), &one, sizeof one);
         (void)n;  // the counter saturating still leaves the loop woken
@@ -371,6 +378,9 @@ void run_events_once()
         uint64_t count = 0;
         ssize_t n = read(srv.wake.get(), &count, sizeof count);
         (void)n;  // nothing to read means another turn already took the wake-up
+        // Cleared before MHD_run looks for resumed connections: a resume after this point
+        // writes a new wake-up.
+        srv.wake_pending = false;
     }
     MHD_run(srv.daemon);
 }

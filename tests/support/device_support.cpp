@@ -69,6 +69,14 @@ std::string Device::login(int timeout)
 std::string Device::server_log() const { return server_->log(); }
 std::string Device::sim_log() const { return sim_->log(); }
 
+size_t occurrences(const std::string &text, const std::string &part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
+}
+
 std::string coded_failure(int code, const std::string &reason)
 {
     cJSON *obj = envelope("Fail");
@@ -92,5 +100,13 @@ std::string success_text(const std::string &reason)
 }
 
 std::string plain_ok() { return print(envelope("OK")); }
+
+std::string params_success(const std::string &reason, const std::string &raw)
+{
+    cJSON *obj = envelope("OK");
+    cJSON_AddStringToObject(obj, "Reason", reason.c_str());
+    cJSON_AddRawToObject(obj, "Parameters", raw.c_str());
+    return print(obj);
+}
 
 } // namespace ts

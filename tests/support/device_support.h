@@ -24,12 +24,16 @@ public:
     std::string sim_log() const;
     int port() const { return port_; }
     ServerProcess &server() { return *server_; }
+    Process &sim() { return *sim_; }
 
 private:
     int port_;
     std::unique_ptr<Process> sim_;
     std::unique_ptr<ServerProcess> server_;
 };
+
+// How often part occurs in text (a log, say).
+size_t occurrences(const std::string &text, const std::string &part);
 
 // The default account's password digest (of "tavel").
 constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";
@@ -39,5 +43,7 @@ std::string coded_failure(int code, const std::string &reason);
 std::string failure_text(const std::string &reason);
 std::string success_text(const std::string &reason);
 std::string plain_ok();
+// The success form with a payload inserted raw under "Parameters".
+std::string params_success(const std::string &reason, const std::string &raw);
 
 } // namespace ts

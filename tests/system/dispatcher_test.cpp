@@ -65,6 +65,17 @@ TEST(Dispatcher, OpenActionsRunWithoutASessionAndOthersRefreshTheirs)
     EXPECT_EQ(coded_failure(-16, "Invalid session ID"), dev.call("detection_sessionid", "sessionid=" + sid).body);
 }
 
+TEST(Dispatcher, RepliesLeaveAsSoonAsTheActionIsDone)
+{
+    ts::Device dev;
+    std::string query = "sessionid=" + dev.login();
+    long long start = ts::now_ms();
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(ts::plain_ok(), dev.call("detection_sessionid", query).body);
+    // The event loop is woken for each reply instead of finding it at its next 250 ms turn.
+    EXPECT_LT(ts::now_ms() - start, 2000);
+}
+
 TEST(Dispatcher, MissingActionNameGetsTheErrorPage)
 {
     ts::Device dev;

@@ -4,7 +4,7 @@
 // libmicrohttpd runs in external-loop mode with epoll on the thread that calls
 // websServiceEvents. An action request is suspended once its body is complete and queued to
 // the one action thread, which runs the procedures one at a time in arrival order; the
-// procedure's websDone resumes the connection and the event loop sends the reply.
+// procedure's websDone resumes the connection and wakes the event loop, which sends the reply.
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
@@ -47,8 +47,11 @@ public:
     void push(WebsPrivate *r)
     {
         r->refs.fetch_add(1, std::memory_order_relaxed);
-        std::lock_guard<std::mutex> lock(mutex_);
-        queue_.push_back(r);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            queue_.push_back(r);
+        }
+        // Notified after unlocking, so that the woken thread does not block on the lock.
         wake_.notify_one();
     }
 
@@ -108,6 +111,14 @@ struct Server {
     std::map<std::string, WebsAction, std::less<>> actions;
     MHD_Daemon *daemon = nullptr;
     UniqueFd root_fd;
+    int epoll_fd = -1;  // libmicrohttpd's own, watched by the event loop
+    // Wakes the event loop when an action thread resumes a connection: without an internal
+    // thread libmicrohttpd has no wake-up of its own, and the reply would wait for the next
+    // network event or the loop's time-out.
+    UniqueFd wake;
+    // Set while a wake-up is written and not yet taken: the action thread then leaves out
+    // further writes, the loop's next turn resumes every connection anyway.
+    std::atomic<bool> wake_pending{false};
     ActionRunner runner;
 
     // Back to the state before websOpen (the runner has been stopped).
@@ -125,6 +136,9 @@ struct Server {
         actions.clear();
         daemon = nullptr;
         root_fd.reset();
+        epoll_fd = -1;
+        wake.reset();
+        wake_pending = false;
     }
 };
 
@@ -136,11 +150,6 @@ std::mutex listen_mutex;
 int listen_id = -1;
 int listen_fd = -1;
 std::atomic<int> next_listen_id{0};
-
-// Signalled when a procedure completes a reply, from websOpen to websClose. libmicrohttpd
-// wakes only a loop of its own threads on a resume; this loop would otherwise send the
-// reply on its next turn, up to kMaxLoopWaitMs later.
-UniqueFd loop_wake;
 
 constexpr char kDefaultIndex[] = "index.html";
 
@@ -363,10 +372,36 @@ const DocumentConfig &document_config() { return srv.docs; }
 void resume_request(WebsPrivate *r)
 {
     MHD_resume_connection(r->connection);
-    uint64_t one = 1;
-    if (loop_wake && write(loop_wake.get(), &one, sizeof one) < 0 && errno != EAGAIN)
-        HTTP_ERROR("cannot wake the event loop: %s\n", strerror(errno));
+    if (srv.wake && !srv.wake_pending.exchange(true)) {
+        uint64_t one = 1;
+        ssize_t n = write(srv.wake.get(), &one, sizeof one);
+        (void)n;  // the counter saturating still leaves the loop woken
+    }
 }
+
+namespace {
+
+// Waits for network activity, a resumed request or libmicrohttpd's next timer (at most
+// kMaxLoopWaitMs), then lets libmicrohttpd do whatever is due.
+void run_events_once()
+{
+    int wait_ms = kMaxLoopWaitMs;
+    MHD_UNSIGNED_LONG_LONG due = 0;
+    if (MHD_get_timeout(srv.daemon, &due) == MHD_YES && due < static_cast<MHD_UNSIGNED_LONG_LONG>(wait_ms))
+        wait_ms = static_cast<int>(due);
+    pollfd fds[2] = {{srv.epoll_fd, POLLIN, 0}, {srv.wake.get(), POLLIN, 0}};
+    if (poll(fds, 2, wait_ms) > 0 && (fds[1].revents & POLLIN)) {
+        uint64_t count = 0;
+        ssize_t n = read(srv.wake.get(), &count, sizeof count);
+        (void)n;  // nothing to read means another turn already took the wake-up
+        // Cleared before MHD_run looks for resumed connections: a resume after this point
+        // writes a new wake-up.
+        srv.wake_pending = false;
+    }
+    MHD_run(srv.daemon);
+}
+
+}  // namespace
 
 }  // namespace webs
 
@@ -384,11 +419,6 @@ int websOpen(const char *documents, const char *routeFile)
     std::vector<Route> routes;
     if (load_routes(routeFile, &routes) < 0)
         return -1;
-    loop_wake.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (!loop_wake) {
-        HTTP_ERROR("cannot create the event loop's wake-up: %s\n", strerror(errno));
-        return -1;
-    }
     srv.documents = documents;
     srv.routes = std::move(routes);
     srv.docs.root = real;
@@ -423,7 +453,6 @@ void websClose()
         MHD_stop_daemon(srv.daemon);  // closes the listening socket and every connection
     }
     srv.reset();
-    loop_wake.reset();
 }
 
 void websSetIpAddr(const char *ipaddr) { srv.ipaddr = ipaddr ? ipaddr : ""; }
@@ -457,9 +486,10 @@ int websListen(const char *endpoint)
         error("invalid endpoint %s", endpoint ? endpoint : "(null)");
         return -1;
     }
+    UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     int on = 1;
-    if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+    if (!wake || !fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
         listen(fd.get(), kListenBacklog) != 0) {
         error("cannot listen on %s: %s", endpoint, strerror(errno));
@@ -483,6 +513,8 @@ int websListen(const char *endpoint)
         error("cannot start the HTTP engine on %s", endpoint);
         return -1;
     }
+    srv.epoll_fd = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+    srv.wake = std::move(wake);
     std::lock_guard<std::mutex> lock(listen_mutex);
     listen_fd = fd.release();  // libmicrohttpd closes it when the daemon stops
     listen_id = next_listen_id++;
@@ -503,36 +535,13 @@ int websDefineAction(const char *name, WebsAction proc)
     return 0;
 }
 
-namespace {
-
-// Waits until libmicrohttpd has work, a procedure has completed a reply, or the loop's
-// longest wait has passed.
-void wait_for_events()
-{
-    int timeout = kMaxLoopWaitMs;
-    MHD_UNSIGNED_LONG_LONG engine_timeout = 0;
-    if (MHD_get_timeout(srv.daemon, &engine_timeout) == MHD_YES && engine_timeout < static_cast<unsigned>(timeout))
-        timeout = static_cast<int>(engine_timeout);
-    const MHD_DaemonInfo *info = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD);
-    pollfd fds[2] = {{info ? info->epoll_fd : -1, POLLIN, 0}, {loop_wake.get(), POLLIN, 0}};
-    if (poll(fds, 2, timeout) > 0 && (fds[1].revents & POLLIN)) {
-        uint64_t count;
-        if (read(loop_wake.get(), &count, sizeof count) < 0 && errno != EAGAIN)
-            HTTP_ERROR("cannot read the event loop's wake-up: %s\n", strerror(errno));
-    }
-}
-
-}  // namespace
-
 void websServiceEvents(std::atomic<int> *finished)
 {
     while (!finished || !finished->load()) {
-        if (srv.daemon) {
-            wait_for_events();
-            MHD_run(srv.daemon);
-        } else {
+        if (srv.daemon)
+            run_events_once();
+        else
             std::this_thread::sleep_for(std::chrono::milliseconds(kMaxLoopWaitMs));
-        }
     }
 }
 

@@ -4,10 +4,12 @@
 #include "common/log.h"
 #include "common/owners.h"
 #include "json2c/json_fields.h"
+#include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
 #include "webserver/service.h"
 
 #include <csignal>
+#include <nanomsg/pair.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -51,6 +53,10 @@ int main(int argc, char **argv)
         HTTP_ERROR("http read comfig fail\n");
         return 0;
     }
+    // nanomsg starts its worker thread with the first open socket and joins it when the last
+    // one closes. Each relay opens and closes its own socket, so an idle socket held for the
+    // process's life spares every relay a thread start and join.
+    NnSocket messaging_kept_up(nn_socket(AF_SP, NN_PAIR));
     // The stored port wins over the command line.
     int stored_port = -1;
     char *reply = nullptr;

@@ -1,0 +1,61 @@
+# Helpers of the benchmarks that run the whole device. Sourced inside tests/isolate.sh (the
+# private /mnt, /tmp and network) from the repository root, with $bin naming the directory
+# of the built programs.
+
+# The demo tree under /mnt, with the web port $1 stored.
+lay_out_device() {
+    mkdir -p /mnt/app /mnt/usr/config
+    cp -a demo/web_root /mnt/app/web_root
+    cp -a demo/usr/config/app_parameters /mnt/usr/config/app_parameters
+    printf '{\n\t"Port":\t%s\n}' "$1" >/mnt/usr/config/app_parameters/WebServerParameter.json
+}
+
+# Waits until 127.0.0.1:$1 answers HTTP; fails after 10 s.
+wait_http() {
+    tries=0
+    until curl -s -o /dev/null "http://127.0.0.1:$1/"; do
+        tries=$((tries + 1))
+        [ "$tries" -lt 100 ] || { echo "bench: nothing answers on port $1" >&2; return 1; }
+        sleep 0.1
+    done
+}
+
+# Starts the simulator and the server on port $1, their output sent to /dev/null, and waits
+# until both serve. Adds their ids to $pids.
+start_device() {
+    "$bin/devicesim" /mnt/app/web_root/config/command_para >/dev/null 2>&1 &
+    pids="$pids $!"
+    tries=0
+    until [ -S /tmp/app_user.ipc ]; do
+        tries=$((tries + 1))
+        [ "$tries" -lt 100 ] || { echo "bench: the simulator did not start" >&2; return 1; }
+        sleep 0.1
+    done
+    "$bin/webserver" "$1" lo >/dev/null 2>&1 &
+    pids="$pids $!"
+    wait_http "$1"
+}
+
+# Prints a session id of the default account (the digest of "tavel"), one hour long.
+login() {
+    curl -s -d '{"username":"admin","password":"45b5d899e8cbbf16302d286d2c2f8e9d","timeout":3600}' \
+        "http://127.0.0.1:$1/action/device/login" | sed -n 's/.*"sessionid":[[:space:]]*"\([0-9a-f-]*\)".*/\1/p'
+}
+
+# Requests per second that wrk measures with $1 connections over $2 seconds on the URL $3.
+wrk_rate() {
+    wrk -t1 -c"$1" -d"$2"s "$3" | awk '/^Requests\/sec:/ { print $2 }'
+}
+
+# Prints the rounds (lines "ours yardstick" in file $1) and the median of their ratios against
+# the target percentage $3; $2 names the two sides.
+report() {
+    sort_median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+    median=$(awk '{ print 100 * $1 / $2 }' "$1" | sort_median)
+    awk -v names="$2" -v median="$median" -v target="$3" '
+    { printf "round %d: %9.0f / %9.0f per second (%.1f %%)\n", NR, $1, $2, 100 * $1 / $2 }
+    END {
+        printf "%s, %d rounds: median ratio %.1f %% (target at least %d %%): %s\n",
+               names, NR, median, target, (median >= target) ? "met" : "MISSED"
+    }' "$1"
+}

@@ -22,6 +22,8 @@ seconds=$2 connections=$3 rounds=$4
 # The device tree, plus the two benchmark files.
 mkdir -p /mnt/app /mnt/usr/config/app_parameters
 cp -a "$root/demo/web_root" /mnt/app/web_root
+# The stored port wins over the command line.
+printf '{\n\t"Port":\t8080\n}' > /mnt/usr/config/app_parameters/WebServerParameter.json
 head -c 1024 /dev/urandom | base64 > /mnt/app/web_root/small.html
 head -c 104857600 /dev/zero > /mnt/app/web_root/big.mp4
 small_size=$(stat -c %s /mnt/app/web_root/small.html)
@@ -30,6 +32,8 @@ mkdir -p /tmp/nginx
 cat > /tmp/nginx/nginx.conf <<CONF
 worker_processes 1;
 daemon off;
+# One process, which never switches user: a user namespace refuses a worker's group changes.
+master_process off;
 user root root;
 pid /tmp/nginx/nginx.pid;
 error_log /tmp/nginx/error.log;

@@ -59,9 +59,11 @@ public:
     ~TempFile();
     // Creates a new file in /tmp; false (errno set) when it cannot.
     bool create(const char *stem);
-    // Appends all bytes; false on a write error.
+    // Appends all bytes (gathered in a buffer, so the file sees few large writes); false on a
+    // write error.
     bool append(const char *data, size_t len);
-    void close_fd() { fd_.reset(); }
+    // Writes what the buffer holds and closes the file; false on a write error.
+    bool finish();
     // Closes and removes the file now.
     void remove();
     bool active() const { return !path_.empty(); }
@@ -69,9 +71,13 @@ public:
     uint64_t size() const { return size_; }
 
 private:
+    bool write_out(const char *data, size_t len);
+
     std::string path_;
     UniqueFd fd_;
     uint64_t size_ = 0;
+    std::unique_ptr<char[]> buffer_;
+    size_t buffered_ = 0;
 };
 
 // A request's share of kMaxTempBytes, the room that all requests together may take in

@@ -44,6 +44,11 @@ constexpr int kMaxLoopWaitMs = 250;
 // Backlog of the listening socket.
 constexpr int kListenBacklog = 64;
 
+// Bytes gathered before a temporary file is written: a body arrives in pieces of a few KiB
+// (libmicrohttpd's read buffer lives in kConnectionMemory), a write per piece would cost
+// more than the copy.
+constexpr size_t kTempFileBuffer = 64 * 1024;
+
 // Longest line of the route and authentication files.
 constexpr size_t kMaxConfigLine = 1024;
 // Files served from memory instead of sendfile (an open + read costs less than setting up

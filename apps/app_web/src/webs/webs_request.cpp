@@ -22,6 +22,8 @@ TempFile::~TempFile() { remove(); }
 void TempFile::remove()
 {
     fd_.reset();
+    buffer_.reset();
+    buffered_ = 0;
     if (!path_.empty())
         unlink(path_.c_str());
     path_.clear();
@@ -39,7 +41,7 @@ bool TempFile::create(const char *stem)
     return true;
 }
 
-bool TempFile::append(const char *data, size_t len)
+bool TempFile::write_out(const char *data, size_t len)
 {
     while (len > 0) {
         ssize_t n = write(fd_.get(), data, len);
@@ -49,9 +51,34 @@ bool TempFile::append(const char *data, size_t len)
             return false;
         data += n;
         len -= static_cast<size_t>(n);
-        size_ += static_cast<uint64_t>(n);
     }
     return true;
+}
+
+bool TempFile::append(const char *data, size_t len)
+{
+    size_ += len;
+    if (!buffer_)
+        buffer_ = std::make_unique<char[]>(kTempFileBuffer);
+    if (buffered_ + len > kTempFileBuffer) {
+        if (!write_out(buffer_.get(), buffered_))
+            return false;
+        buffered_ = 0;
+        if (len >= kTempFileBuffer)
+            return write_out(data, len);
+    }
+    memcpy(buffer_.get() + buffered_, data, len);
+    buffered_ += len;
+    return true;
+}
+
+bool TempFile::finish()
+{
+    bool ok = !fd_ || write_out(buffer_.get(), buffered_);
+    buffer_.reset();
+    buffered_ = 0;
+    fd_.reset();
+    return ok;
 }
 
 namespace {
@@ -251,8 +278,11 @@ int request_finish_body(WebsPrivate *r)
         refuse_body(r, MHD_HTTP_BAD_REQUEST);  // the multipart body ended early
         return r->refusal;
     }
-    r->upload.close_fd();
-    r->spool.close_fd();
+    if (!r->upload.finish() || !r->spool.finish()) {
+        HTTP_ERROR("cannot write the body of %s to /tmp: %s\n", r->url.c_str(), strerror(errno));
+        refuse_body(r, MHD_HTTP_INTERNAL_SERVER_ERROR);
+        return r->refusal;
+    }
 
     Webs &wp = r->wp;
     wp.url = r->url.data();

@@ -13,18 +13,20 @@ if [ -z "${WEB_TEST_ISOLATED:-}" ]; then
     cmake --build "$build" -j2 --target webserver devicesim listing_bench >/dev/null
     exec tests/isolate.sh /bin/sh "$0" "$build"
 fi
-. bench/server_env.sh
+bin=$build/bin
+port=8080
+. bench/device_env.sh
 
-median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
-
-bench_device
+lay_out_device $port
+start_sim
 printf "%-10s %7s %10s %10s %9s %7s %12s %8s\n" card files "reply B" "list ms" "find ms" "time x" "peak add kB" "mem x"
 for card in "30 1000" "365 100"; do
     set -- $card
     "$build/bin/listing_bench" --card "$1" "$2"
     # A fresh server per card, so the peak of an earlier listing does not hide this one's.
-    bench_server_start
-    sid=$(bench_login) || bench_fail "login failed"
+    start_server $port
+    sid=$(login $port)
+    [ -n "$sid" ] || bench_fail "the login failed"
     url="http://127.0.0.1:$port/action/device/get_video_directory?sessionid=$sid"
     curl -s -o /dev/null -X POST "http://127.0.0.1:$port/action/device/get_user_param?sessionid=$sid"
     before=$(server_kib VmHWM:)
@@ -47,12 +49,12 @@ for card in "30 1000" "365 100"; do
         fi
         r=$((r + 1))
     done
-    bench_server_stop
+    stop_server
     awk -v name="$1x$2" -v files=$(($1 * $2)) -v reply="$reply" -v l="$(median </tmp/list.us)" \
         -v f="$(median </tmp/find.us)" -v added=$((after - before)) 'BEGIN {
         printf "%-10s %7d %10d %10.2f %9.2f %7.2f %12d %8.2f\n", name, files, reply, l / 1000, f / 1000, l / f,
                added, added * 1024 / reply
     }'
 done
-bench_stop_all
+stop_all
 echo "targets: time x <= 2.00 (listing over HTTP against find -maxdepth 2), mem x <= 3.00 (peak added against reply)"

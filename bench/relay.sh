@@ -21,17 +21,15 @@ if [ "${1:-}" != "--inner" ]; then
 fi
 seconds=$2 rounds=$3
 bin="$root/build-bench/bin"
-. bench/bench_device.sh
+. bench/device_env.sh
 
 # A command the demo routes to an application whose simulated answer is immediate.
 command=GetVideoEncodeParameters receiver=app_media address=ipc:///tmp/app_media.ipc
 
-pids=""
-trap 'kill $pids 2>/dev/null || true' EXIT
 lay_out_device 8080
 start_device 8080
 sid=$(login 8080)
-[ -n "$sid" ] || { echo "relay: the login failed" >&2; exit 1; }
+[ -n "$sid" ] || bench_fail "the login failed"
 relayed="http://127.0.0.1:8080/action/device/$command?sessionid=$sid"
 "$bin/bare_mhd" 8090 >/dev/null 2>&1 &
 pids="$pids $!"

@@ -18,17 +18,15 @@ if [ "${1:-}" != "--inner" ]; then
 fi
 seconds=$2 connections=$3 rounds=$4
 bin="$root/build-bench/bin"
-. bench/bench_device.sh
+. bench/device_env.sh
 
-pids=""
-trap 'kill $pids 2>/dev/null || true' EXIT
 lay_out_device 8080
 start_device 8080
 "$bin/bare_mhd" 8090 >/dev/null 2>&1 &
 pids="$pids $!"
 wait_http 8090
 sid=$(login 8080)
-[ -n "$sid" ] || { echo "session_probe: the login failed" >&2; exit 1; }
+[ -n "$sid" ] || bench_fail "the login failed"
 probe="http://127.0.0.1:8080/action/device/detection_sessionid?sessionid=$sid"
 bare="http://127.0.0.1:8090/"
 [ "$(curl -s "$probe")" = "$(curl -s "$bare")" ] ||

@@ -15,17 +15,18 @@ if [ -z "${WEB_TEST_ISOLATED:-}" ]; then
     cmake --build "$build" -j2 --target webserver devicesim >/dev/null
     exec tests/isolate.sh /bin/sh "$0" "$build" "$mib"
 fi
-. bench/server_env.sh
-
-median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+bin=$build/bin
+port=8080
+. bench/device_env.sh
 
 # The upgrade application reports the end at once, so the request time is the upload's.
 cat >/tmp/scenario.json <<'JSON'
 {"StartUpgrade": {"Response": {"Result": "OK", "Parameters": {"UpgradeProgressValue": 100}}}}
 JSON
-bench_device /tmp/scenario.json
-bench_server_start
-sid=$(bench_login) || bench_fail "login failed"
+lay_out_device $port
+start_device $port /tmp/scenario.json
+sid=$(login $port)
+[ -n "$sid" ] || bench_fail "the login failed"
 idle_kib=$(server_kib VmHWM:)
 
 head -c $((mib * 1024 * 1024)) /dev/urandom >/tmp/image.bin
@@ -50,7 +51,7 @@ while [ $r -lt $rounds ]; do
     r=$((r + 1))
 done
 peak_kib=$(server_kib VmHWM:)
-bench_stop_all
+stop_all
 
 cp_us=$(median </tmp/cp.ms)
 up_us=$(median </tmp/upload.ms)

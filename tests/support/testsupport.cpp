@@ -1,26 +1,23 @@
 #include "testsupport.h"
 
+#include "common/owners.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <netinet/in.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -31,22 +28,11 @@ std::string source_path(const std::string &relative) { return std::string(WEB_SO
 
 void write_file(const std::string &path, const std::string &content, mode_t mode)
 {
-    fs::path p(path);
-    if (p.has_parent_path())
-        fs::create_directories(p.parent_path());
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0)
+    if (fs::path(path).has_parent_path())
+        fs::create_directories(fs::path(path).parent_path());
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    if (!fd || write(fd.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
         throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
-    size_t off = 0;
-    while (off < content.size()) {
-        ssize_t n = write(fd, content.data() + off, content.size() - off);
-        if (n <= 0) {
-            close(fd);
-            throw std::runtime_error("short write to " + path);
-        }
-        off += static_cast<size_t>(n);
-    }
-    close(fd);
 }
 
 std::string read_file(const std::string &path)
@@ -75,6 +61,13 @@ void make_dirs(const std::string &path, mode_t mode)
     chmod(path.c_str(), mode);
 }
 
+void make_file(const std::string &path, unsigned long long size)
+{
+    write_file(path, "");
+    if (truncate(path.c_str(), static_cast<off_t>(size)) != 0)
+        throw std::runtime_error("cannot size " + path);
+}
+
 void remove_tree(const std::string &path)
 {
     std::error_code ec;
@@ -86,16 +79,24 @@ void reset_device_tree()
     std::error_code ec;
     for (const char *top : {"/mnt", "/tmp"}) {
         for (auto &entry : fs::directory_iterator(top, ec)) {
-            std::string name = entry.path().filename();
-            if (name == "standins.log")
-                continue;
             // The repository may be bind-mounted under /tmp when the checkout lives there.
-            if (std::string(WEB_SOURCE_DIR).rfind(entry.path().string() + "/", 0) == 0 ||
-                std::string(WEB_BIN_DIR).rfind(entry.path().string() + "/", 0) == 0)
+            std::string inside = entry.path().string() + "/";
+            if (entry.path().filename() == "standins.log" || std::string(WEB_SOURCE_DIR).rfind(inside, 0) == 0 ||
+                std::string(WEB_BIN_DIR).rfind(inside, 0) == 0)
                 continue;
             fs::remove_all(entry.path(), ec);
         }
     }
+}
+
+std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts)
+{
+    std::string img(2048, '\0');
+    for (size_t i = 0; i < accounts.size(); ++i) {
+        img.replace(128 * i, accounts[i].first.size(), accounts[i].first);
+        img.replace(128 * i + 64, accounts[i].second.size(), accounts[i].second);
+    }
+    return img;
 }
 
 Capture::Capture(int fd) : fd_(fd)
@@ -126,6 +127,45 @@ std::string Capture::text()
     return text_;
 }
 
+bool has_error(const std::string &err, const std::string &message, const std::string &func)
+{
+    return err.find((func.empty() ? "" : ", " + func) + ">: " + message + "\033[0m") != std::string::npos;
+}
+
+Outcome call(const std::function<int(char **)> &handler)
+{
+    Outcome o;
+    char *text = nullptr;
+    {
+        Capture err(2), out(1);
+        o.rc = handler(&text);
+        o.out = out.text();
+        o.err = err.text();
+    }
+    HeapText owner(text);
+    o.reply = text ? text : "<null>";
+    return o;
+}
+
+Outcome call(int (*handler)(const char *, char **), const char *body)
+{
+    return call([&](char **out) { return handler(body, out); });
+}
+
+std::string envelope(const char *result, const char *reason, int code, const char *raw_params)
+{
+    CJsonPtr obj(cJSON_CreateObject());
+    cJSON_AddStringToObject(obj.get(), "Result", result);
+    if (code)
+        cJSON_AddNumberToObject(obj.get(), "ErrorNo", code);
+    if (reason)
+        cJSON_AddStringToObject(obj.get(), "Reason", reason);
+    if (raw_params)
+        cJSON_AddRawToObject(obj.get(), "Parameters", raw_params);
+    HeapText text(cJSON_Print(obj.get()));
+    return text.get();
+}
+
 Process::Process(const std::vector<std::string> &argv, const std::string &log_path) : log_path_(log_path)
 {
     std::vector<char *> args;
@@ -136,11 +176,9 @@ Process::Process(const std::vector<std::string> &argv, const std::string &log_pa
     pid_ = fork();
     if (pid_ == 0) {
         int fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
         setpgid(0, 0);
         execv(args[0], args.data());
         _exit(127);
@@ -164,26 +202,19 @@ Process::~Process() { stop(); }
 
 bool Process::running()
 {
-    if (pid_ <= 0)
-        return false;
     int st;
-    pid_t r = waitpid(pid_, &st, WNOHANG);
-    if (r == pid_) {
+    if (pid_ > 0 && waitpid(pid_, &st, WNOHANG) == pid_) {
         status_ = st;
         pid_ = -1;
-        return false;
     }
-    return true;
+    return pid_ > 0;
 }
 
 int Process::wait(int timeout_ms)
 {
-    long long end = now_ms() + timeout_ms;
-    while (running()) {
+    for (long long end = now_ms() + timeout_ms; running(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (now_ms() > end)
             return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return status_;
 }
 
@@ -202,8 +233,7 @@ std::string Process::log() const { return read_file(log_path_); }
 
 bool Process::wait_for_log(const std::string &text, int timeout_ms) const
 {
-    long long end = now_ms() + timeout_ms;
-    while (log().find(text) == std::string::npos) {
+    for (long long end = now_ms() + timeout_ms; log().find(text) == std::string::npos;) {
         if (now_ms() > end)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -214,38 +244,42 @@ bool Process::wait_for_log(const std::string &text, int timeout_ms) const
 int run(const std::vector<std::string> &argv, std::string *output, int timeout_ms)
 {
     char tmpl[] = "/tmp/run-XXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd >= 0)
-        close(fd);
-    int status;
-    {
-        Process p(argv, tmpl);
-        status = p.wait(timeout_ms);
-        if (status < 0)
-            p.stop(SIGKILL);
-        if (output)
-            *output = p.log();
-    }
+    close(mkstemp(tmpl));
+    Process p(argv, tmpl);
+    int status = p.wait(timeout_ms);
+    if (status < 0)
+        p.stop(SIGKILL);
+    if (output)
+        *output = p.log();
     unlink(tmpl);
     return status;
 }
 
+Process start_sim(const std::string &scenario_json)
+{
+    std::vector<std::string> argv = {bin_path("devicesim"), "/mnt/app/web_root/config/command_para"};
+    if (!scenario_json.empty()) {
+        write_file("/tmp/scenario.json", scenario_json);
+        argv.push_back("/tmp/scenario.json");
+    }
+    Process sim(argv, "/tmp/devicesim.log");
+    EXPECT_TRUE(sim.wait_for_log("devicesim: ready\n", 5000)) << sim.log();
+    return sim;
+}
+
 bool port_accepts(const std::string &host, int port)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
-    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    close(fd);
-    return ok;
+    return connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
 }
 
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms)
 {
-    long long end = now_ms() + timeout_ms;
-    while (port_accepts(host, port) != open) {
+    for (long long end = now_ms() + timeout_ms; port_accepts(host, port) != open;) {
         if (now_ms() > end)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -255,14 +289,13 @@ bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms)
 
 int free_port()
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
     socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    close(fd);
+    bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    getsockname(fd.get(), reinterpret_cast<sockaddr *>(&addr), &len);
     return ntohs(addr.sin_port);
 }
 
@@ -282,84 +315,71 @@ size_t collect_header(char *data, size_t size, size_t n, void *user)
         std::string name = line.substr(0, colon);
         for (auto &c : name)
             c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-        std::string value = line.substr(colon + 1);
-        while (!value.empty() && (value.front() == ' '))
-            value.erase(0, 1);
-        while (!value.empty() && (value.back() == '\r' || value.back() == '\n'))
-            value.pop_back();
-        (*static_cast<std::map<std::string, std::string> *>(user))[name] = value;
+        size_t start = line.find_first_not_of(' ', colon + 1), end = line.find_last_not_of("\r\n");
+        (*static_cast<std::map<std::string, std::string> *>(user))[name] =
+            start <= end && end != std::string::npos ? line.substr(start, end - start + 1) : "";
     }
     return size * n;
 }
-
-struct CurlGlobal {
-    CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-    ~CurlGlobal() { curl_global_cleanup(); }
-};
 
 } // namespace
 
 HttpReply http(const HttpRequest &req)
 {
-    static CurlGlobal global;
+    static const CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
+    (void)global;
     HttpReply reply;
-    CURL *c = curl_easy_init();
-    curl_slist *headers = nullptr;
-    curl_mime *mime = nullptr;
-    FILE *body_file = nullptr;
-    curl_easy_setopt(c, CURLOPT_URL, req.url.c_str());
-    curl_easy_setopt(c, CURLOPT_PATH_AS_IS, 1L);
-    curl_easy_setopt(c, CURLOPT_NOPROXY, "*");
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, req.timeout_ms);
-    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect_body);
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, &reply.body);
-    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, collect_header);
-    curl_easy_setopt(c, CURLOPT_HEADERDATA, &reply.headers);
+    std::unique_ptr<CURL, void (*)(CURL *)> c(curl_easy_init(), curl_easy_cleanup);
+    std::unique_ptr<curl_slist, void (*)(curl_slist *)> headers(nullptr, curl_slist_free_all);
+    std::unique_ptr<curl_mime, void (*)(curl_mime *)> mime(nullptr, curl_mime_free);
+    FilePtr body_file;
+    auto add_header = [&](const std::string &h) { headers.reset(curl_slist_append(headers.release(), h.c_str())); };
+    curl_easy_setopt(c.get(), CURLOPT_URL, req.url.c_str());
+    curl_easy_setopt(c.get(), CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(c.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(c.get(), CURLOPT_TIMEOUT_MS, req.timeout_ms);
+    curl_easy_setopt(c.get(), CURLOPT_WRITEFUNCTION, collect_body);
+    curl_easy_setopt(c.get(), CURLOPT_WRITEDATA, &reply.body);
+    curl_easy_setopt(c.get(), CURLOPT_HEADERFUNCTION, collect_header);
+    curl_easy_setopt(c.get(), CURLOPT_HEADERDATA, &reply.headers);
     for (auto &h : req.headers)
-        headers = curl_slist_append(headers, h.c_str());
+        add_header(h);
     if (!req.upload_path.empty()) {
-        mime = curl_mime_init(c);
-        curl_mimepart *part = curl_mime_addpart(mime);
-        curl_mime_name(part, req.upload_field.empty() ? "file" : req.upload_field.c_str());
+        mime.reset(curl_mime_init(c.get()));
+        curl_mimepart *part = curl_mime_addpart(mime.get());
+        curl_mime_name(part, "file");
         curl_mime_filedata(part, req.upload_path.c_str());
-        if (!req.upload_name.empty())
-            curl_mime_filename(part, req.upload_name.c_str());
-        if (!req.upload_type.empty())
-            curl_mime_type(part, req.upload_type.c_str());
-        curl_easy_setopt(c, CURLOPT_MIMEPOST, mime);
+        curl_mime_filename(part, req.upload_name.c_str());
+        curl_mime_type(part, req.upload_type.c_str());
+        curl_easy_setopt(c.get(), CURLOPT_MIMEPOST, mime.get());
     } else if (!req.body_file.empty()) {
-        body_file = fopen(req.body_file.c_str(), "rb");
-        curl_easy_setopt(c, CURLOPT_POST, 1L);
-        curl_easy_setopt(c, CURLOPT_READDATA, body_file);
-        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(file_size(req.body_file)));
-        headers = curl_slist_append(headers, "Expect:");
+        body_file.reset(fopen(req.body_file.c_str(), "rb"));
+        curl_easy_setopt(c.get(), CURLOPT_POST, 1L);
+        curl_easy_setopt(c.get(), CURLOPT_READDATA, body_file.get());
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(file_size(req.body_file)));
+        add_header("Expect:");
     } else if (req.method == "POST") {
-        curl_easy_setopt(c, CURLOPT_POSTFIELDS, req.body.c_str());
-        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(req.body.size()));
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDS, req.body.c_str());
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(req.body.size()));
     }
     if (req.method == "HEAD")
-        curl_easy_setopt(c, CURLOPT_NOBODY, 1L);
+        curl_easy_setopt(c.get(), CURLOPT_NOBODY, 1L);
     else if (req.method != "GET" && req.method != "POST")
-        curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, req.method.c_str());
-    if (headers)
-        curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
-    CURLcode rc = curl_easy_perform(c);
+        curl_easy_setopt(c.get(), CURLOPT_CUSTOMREQUEST, req.method.c_str());
+    curl_easy_setopt(c.get(), CURLOPT_HTTPHEADER, headers.get());
+    CURLcode rc = curl_easy_perform(c.get());
     if (rc == CURLE_OK)
-        curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &reply.status);
+        curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &reply.status);
     else
         reply.error = curl_easy_strerror(rc);
-    if (body_file)
-        fclose(body_file);
-    curl_mime_free(mime);
-    curl_slist_free_all(headers);
-    curl_easy_cleanup(c);
     return reply;
 }
 
-HttpReply http_get(const std::string &url)
+HttpReply http_get(const std::string &url, const std::vector<std::string> &headers)
 {
     HttpRequest req;
     req.url = url;
+    req.headers = headers;
     return http(req);
 }
 
@@ -374,41 +394,54 @@ HttpReply http_post(const std::string &url, const std::string &body)
 
 std::string raw_http(int port, const std::string &request, int timeout_ms)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     std::string got;
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
-        size_t off = 0;
-        while (off < request.size()) {
-            ssize_t n = send(fd, request.data() + off, request.size() - off, MSG_NOSIGNAL);
-            if (n <= 0)
-                break;
-            off += static_cast<size_t>(n);
-        }
-        long long end = now_ms() + timeout_ms;
-        char buf[65536];
-        while (now_ms() < end) {
-            pollfd p{fd, POLLIN, 0};
-            if (poll(&p, 1, 50) <= 0)
-                continue;
-            ssize_t n = recv(fd, buf, sizeof buf, 0);
-            if (n <= 0)
-                break;
-            got.append(buf, static_cast<size_t>(n));
-        }
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+        return got;
+    for (size_t off = 0; off < request.size();) {
+        ssize_t n = send(fd.get(), request.data() + off, request.size() - off, MSG_NOSIGNAL);
+        if (n <= 0)
+            break;
+        off += static_cast<size_t>(n);
     }
-    close(fd);
+    char buf[65536];
+    for (long long end = now_ms() + timeout_ms; now_ms() < end;) {
+        pollfd p{fd.get(), POLLIN, 0};
+        if (poll(&p, 1, 50) <= 0)
+            continue;
+        ssize_t n = recv(fd.get(), buf, sizeof buf, 0);
+        if (n <= 0)
+            break;
+        got.append(buf, static_cast<size_t>(n));
+    }
     return got;
+}
+
+std::string status_line(const std::string &raw) { return raw.substr(0, raw.find("\r\n")); }
+
+int temp_files()
+{
+    int n = 0;
+    for (int tries = 0; tries < 50; ++tries, n = 0) {
+        for (auto &e : fs::directory_iterator("/tmp")) {
+            std::string name = e.path().filename();
+            n += name.rfind("webs-", 0) == 0 || name.rfind(".upgrade-", 0) == 0;
+        }
+        if (n == 0)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return n;
 }
 
 long long now_ms()
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 } // namespace ts

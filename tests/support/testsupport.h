@@ -2,12 +2,16 @@
 // tests/isolate.sh makes; main() refuses to run anywhere else.
 #pragma once
 
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
 namespace ts {
+
+constexpr char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
 
 // Binaries and sources of this build.
 std::string bin_path(const std::string &name);
@@ -19,9 +23,12 @@ std::string read_file(const std::string &path);
 bool exists(const std::string &path);
 long file_size(const std::string &path);
 void make_dirs(const std::string &path, mode_t mode = 0755);
+void make_file(const std::string &path, unsigned long long size);  // sparse
 void remove_tree(const std::string &path);
 // Empties the device tree (/mnt) and the test's /tmp, keeping the stand-in log.
 void reset_device_tree();
+// The 2048-byte account file holding these {name, digest} accounts from slot 0 on.
+std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts);
 
 // Captures what the calling process writes to stdout or stderr (at the fd level).
 class Capture {
@@ -37,7 +44,28 @@ private:
     std::string text_;
 };
 
-// A child process with stdout and stderr going to one log file.
+// Whether captured stderr holds the red error line with message (written by func when given).
+bool has_error(const std::string &err, const std::string &message, const std::string &func = "");
+
+// A local action handler's result, reply text ("<null>" when none) and output.
+struct Outcome {
+    int rc = 0;
+    std::string reply, out, err;
+};
+Outcome call(const std::function<int(char **)> &handler);
+Outcome call(int (*handler)(const char *, char **), const char *body);
+
+// The reply envelope forms, as cJSON's formatted printer prints them.
+std::string envelope(const char *result, const char *reason, int code = 0, const char *raw_params = nullptr);
+inline std::string fail(const std::string &reason) { return envelope("Fail", reason.c_str()); }
+inline std::string ok(const std::string &reason) { return envelope("OK", reason.c_str()); }
+inline std::string coded(int code, const std::string &reason) { return envelope("Fail", reason.c_str(), code); }
+inline std::string params(const std::string &reason, const std::string &raw)
+{
+    return envelope("OK", reason.c_str(), 0, raw.c_str());
+}
+
+// A child process with stdout and stderr going to one log file; stopped when destroyed.
 class Process {
 public:
     Process() = default;
@@ -52,7 +80,6 @@ public:
     int wait(int timeout_ms);
     void stop(int sig = 15);
     std::string log() const;
-    // Waits until the log holds the text; false on time-out.
     bool wait_for_log(const std::string &text, int timeout_ms) const;
 
 private:
@@ -64,9 +91,12 @@ private:
 // Runs a command to its end; returns its exit status and fills output (stdout+stderr).
 int run(const std::vector<std::string> &argv, std::string *output = nullptr, int timeout_ms = 30000);
 
-// TCP helpers on the test's private network.
+// devicesim on the routing file (and a scenario when given), serving when returned.
+Process start_sim(const std::string &scenario_json = "");
+
+// TCP on the test's private network.
 bool port_accepts(const std::string &host, int port);
-bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms);
+bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms = 5000);
 int free_port();
 
 struct HttpReply {
@@ -81,21 +111,24 @@ struct HttpRequest {
     std::string url;  // sent as is, without normalisation
     std::string body;
     std::vector<std::string> headers;
-    // multipart upload: field name, file path, file name, content type
-    std::string upload_field, upload_path, upload_name, upload_type;
+    // multipart upload of a file part: file path, file name, content type
+    std::string upload_path, upload_name, upload_type;
     std::string body_file;  // body streamed from this file
     long timeout_ms = 20000;
 };
 
 HttpReply http(const HttpRequest &req);
-HttpReply http_get(const std::string &url);
+HttpReply http_get(const std::string &url, const std::vector<std::string> &headers = {});
 HttpReply http_post(const std::string &url, const std::string &body);
-
-// Sends raw bytes on a new connection and returns everything received until the peer
-// closes or timeout_ms passes.
+// Sends raw bytes on a new connection; everything received until the peer closes or
+// timeout_ms passes.
 std::string raw_http(int port, const std::string &request, int timeout_ms = 5000);
+std::string status_line(const std::string &raw);
 
-// Milliseconds of the monotonic clock.
+// Temporary files of the web layer ("webs-*") and of the upgrade (".upgrade-*") in /tmp,
+// counted once the requests in flight have ended (a request ends just after its reply).
+int temp_files();
+
 long long now_ms();
 
 } // namespace ts

@@ -1,5 +1,4 @@
 #include "md5/md5.h"
-#include "testsupport.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -78,7 +77,6 @@ TEST(Md5, BitCountCarriesIntoItsHighWordAndFinalWipesTheContext)
     MD5Final(digest, &ctx);
     const MD5Context zero{};
     EXPECT_EQ(0, memcmp(&zero, &ctx, sizeof ctx));
-
 }
 
 TEST(Md5, TextIsWrittenOnlyAsFarAsWholePairsFit)
@@ -88,7 +86,7 @@ TEST(Md5, TextIsWrittenOnlyAsFarAsWholePairsFit)
     const std::string hex = "900150983cd24fb0d6963f7d28e17f72";
     const std::pair<int, std::string> cases[] = {  // size, the bytes written
         {64, hex + '\0'}, {33, hex + '\0'}, {32, hex}, {31, hex.substr(0, 30) + '\0'},
-        {2, "90"},        {1, std::string(1, '\0')}, {0, ""},  {-1, ""},
+        {2, "90"}, {1, std::string(1, '\0')}, {0, ""}, {-1, ""},
     };
     for (const auto &[size, written] : cases) {
         char buf[70];

@@ -1,6 +1,11 @@
+// Request bodies read through field descriptions, and reply texts as cJSON's formatted
+// printer prints them.
+#include "actions/reply_text.h"
+#include "common/owners.h"
 #include "json2c/json_fields.h"
 #include "testsupport.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 
 namespace {
@@ -30,7 +35,13 @@ int parse(const char *text, Parsed *p, std::string *err)
     return rc;
 }
 
-TEST(JsonFields, ValidBodyFillsEveryField)
+std::string take(char *text)
+{
+    HeapText owner(text);
+    return text ? text : "<null>";
+}
+
+TEST(JsonFields, ValidBodyFillsEveryFieldWithinItsSize)
 {
     Parsed p;
     std::string err;
@@ -38,19 +49,20 @@ TEST(JsonFields, ValidBodyFillsEveryField)
     EXPECT_EQ("", err);
     EXPECT_STREQ("english", p.lang);
     EXPECT_EQ(1, p.port);
-    EXPECT_STREQ("abcdefg", p.name);  // cut to the field
+    EXPECT_STREQ("abcdefg", p.name);
     EXPECT_EQ(59, p.sec);
 }
 
-TEST(JsonFields, FirstFailingFieldNamesItselfWithItsTypeCode)
+TEST(JsonFields, FirstFailingFieldNamesItselfWithItsTypeCodeInTheCallersName)
 {
-    struct Case {
+    const struct {
         const char *body;
         int rc;
         const char *line;
     } cases[] = {
         {"not json", -15, "json pack into cjson error...\n"},
         {R"({"Port":1})", -2, "language is empty or error value type : -1\n"},
+        {R"({"Language":"chinese","Port":1})", -2, "language is empty or error value type : -1\n"},
         {R"({"language":"English","Port":"80"})", -2, "Invalid params!\n"},
         {R"({"language":"","Port":1})", -2, "Invalid params!\n"},
         {R"({"language":"chinese","Port":"80"})", -2, "Port is empty or error value type : 16\n"},
@@ -62,20 +74,33 @@ TEST(JsonFields, FirstFailingFieldNamesItselfWithItsTypeCode)
         {R"({"language":"chinese","Port":1,"name":"x","tm_sec":-1})", -2, "Invalid params ! <sec>\n"},
         {R"({"language":"chinese","Port":1,"name":"x","tm_sec":{}})", -2, "tm_sec is empty or error value type : 64\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         Parsed p;
         std::string err;
         EXPECT_EQ(c.rc, parse(c.body, &p, &err)) << c.body;
-        EXPECT_NE(std::string::npos, err.find(std::string(">: ") + c.line + "\033[0m")) << c.body << "\n" << err;
-        EXPECT_NE(std::string::npos, err.find(", parse>: ")) << "the line names the caller";
+        EXPECT_TRUE(ts::has_error(err, c.line, "parse")) << c.body << "\n" << err;
     }
 }
 
-TEST(JsonFields, KeysAreCaseSensitive)
+TEST(ReplyText, FormsAreTheFormattedPrintWithThePayloadInsertedRaw)
 {
-    Parsed p;
-    std::string err;
-    EXPECT_EQ(-2, parse(R"({"Language":"chinese"})", &p, &err));
+    char *out = nullptr;
+    formatFailCallJSON(&out, "Invalid input params");
+    EXPECT_EQ("{\n\t\"Result\":\t\"Fail\",\n\t\"Reason\":\t\"Invalid input params\"\n}", take(out));
+    formatSuccessCallJSON(&out, "");
+    EXPECT_EQ(ts::ok(""), take(out));
+    const char *odd = "quote \" back\\slash \t tab \x01 ctl é";
+    formatFailCallJSON(&out, odd);
+    EXPECT_EQ(ts::fail(odd), take(out));
+    const std::string big = "[" + std::string(3'000'000, ' ') + "]";
+    for (const std::string &payload : {std::string("{\n\t\"language\":\t\"english\",\n\t\"mode\":\t1\n}"),
+                                       std::string("[{\"a\":1},  {\"b\" : [1,2]}]"), std::string("0"),
+                                       std::string("not json at all"), big}) {
+        formatParamsJSON(&out, "Successfully to get params", strdup(payload.c_str()));
+        EXPECT_EQ(ts::params("Successfully to get params", payload), take(out)) << payload.substr(0, 40);
+    }
+    formatParamsJSON(&out, "r", nullptr);
+    EXPECT_EQ(nullptr, out);
 }
 
 } // namespace

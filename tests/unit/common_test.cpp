@@ -1,0 +1,233 @@
+// Logging, configuration file access and the command runner.
+#include "common/cfgfile.h"
+#include "common/log.h"
+#include "common/owners.h"
+#include "common/syscmd.h"
+#include "testsupport.h"
+
+#include <atomic>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+
+namespace {
+
+const std::string kDir = "/mnt/usr/config/app_parameters";
+const std::string kRecord = kDir + "/record";
+
+std::string leftovers()
+{
+    std::string names;
+    ts::run({"/bin/ls", "-A", kDir}, &names);
+    return names;
+}
+
+TEST(Log, LinesCarryTheirPrefixesOnTheirStreams)
+{
+    ts::Capture out(1), err(2);
+    int line = __LINE__ + 1;
+    HTTP_ERROR("Invalid URL\n");
+    HTTP_DEBUG("actionName=%s\n", "login");
+    HTTP_PRINT("http_port %d\r\n", 88);
+    EXPECT_EQ("\033[1;31m<ERROR! tests/unit:" + std::to_string(line) + ", TestBody>: Invalid URL\n\033[0m", err.text());
+    EXPECT_EQ("<DEBUG file tests/unit, line " + std::to_string(line + 1) + ">: actionName=login\nhttp_port 88\r\n",
+              out.text());
+}
+
+// Lines longer than the formatter's stack buffer, from four threads at once.
+TEST(Log, LongLinesOfSeveralThreadsAreWrittenWholeAndNeverInterleave)
+{
+    ts::Capture err(2);
+    std::vector<std::thread> threads;
+    for (char c : {'a', 'b', 'c', 'd'})
+        threads.emplace_back([c] {
+            for (int i = 0; i < 200; ++i)
+                HTTP_ERROR("%s\n", std::string(3000, c).c_str());
+        });
+    for (auto &t : threads)
+        t.join();
+    std::string all = err.text();
+    size_t lines = 0;
+    for (size_t pos = 0; (pos = all.find("\033[1;31m<ERROR! ", pos)) != std::string::npos; ++lines) {
+        pos = all.find(">: ", pos) + 3;
+        ASSERT_EQ(std::string(3000, all[pos]) + "\n\033[0m", all.substr(pos, 3005));
+    }
+    EXPECT_EQ(800u, lines);
+}
+
+TEST(SystemCmd, RunsOneProgramWithoutShellOrEnvironmentAndReapsIt)
+{
+    ts::reset_device_tree();
+    ts::write_file("/tmp/standins.log", "");
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("sync"));
+    EXPECT_EQ(0u, ts::read_file("/tmp/standins.log").find("sync "));
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left to reap";
+    ts::write_file("/tmp/wm/a.png", "x");
+    ts::write_file("/tmp/wm/*", "star");
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("rm  -rf   /tmp/wm/*"));  // rm gets the star as it stands
+    EXPECT_TRUE(ts::exists("/tmp/wm/a.png"));
+    EXPECT_FALSE(ts::exists("/tmp/wm/*"));
+
+    ts::Capture out(1);
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("env"));  // prints its environment: nothing
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("no-such-program-xyz --flag"));
+    EXPECT_EQ("system cmd:<no-such-program-xyz --flag> fail!\n", out.text());
+}
+
+TEST(SystemCmd, RefusesEmptyAndOverlongCommands)
+{
+    ts::Capture out(1), err(2);
+    EXPECT_EQ(-1, HTTP_SYSTEM_CMD(nullptr));
+    for (const std::string &cmd : {std::string(), std::string("     "), std::string(26, 'a'), "true " + std::string(507, 'b')})
+        EXPECT_EQ(-1, HTTP_SYSTEM_CMD(cmd.c_str())) << cmd.size();
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD(("true " + std::string(506, 'c')).c_str()));  // 511 characters
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD(std::string(25, 'a').c_str()));               // no such program, but run
+    EXPECT_EQ(0u, out.text().find("cmd NULL\n"));
+    std::string e = err.text();
+    for (const char *line : {"command without a word refused", "program name longer than 25 characters refused",
+                             "command of 512 characters or more refused"})
+        EXPECT_NE(std::string::npos, e.find(line)) << line;
+}
+
+class CfgFile : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ts::reset_device_tree();
+        ts::make_dirs(kDir);
+    }
+};
+
+TEST_F(CfgFile, RecordIsReadOnlyAtItsExactSize)
+{
+    char buf[2048];
+    for (long size : {2047L, 2049L, 0L}) {
+        ts::write_file(kRecord, std::string(static_cast<size_t>(size), 'x'));
+        ts::Capture err(2);
+        EXPECT_EQ(-1, http_get_cfgfile(kRecord.c_str(), buf, sizeof buf)) << size;
+        EXPECT_NE(std::string::npos, err.text().find(kRecord + " (" + std::to_string(size) + " != 2048)\n"));
+    }
+    ts::write_file(kRecord, std::string(2048, 'r'));
+    EXPECT_EQ(0, http_get_cfgfile(kRecord.c_str(), buf, sizeof buf));
+    EXPECT_EQ(std::string(2048, 'r'), std::string(buf, sizeof buf));
+}
+
+TEST_F(CfgFile, MissingArgumentsFilesAndDirectoriesGiveTheirCodes)
+{
+    char buf[16];
+    ts::make_dirs(kDir + "/dir");
+    ts::Capture err(2);
+    EXPECT_EQ(-2, http_get_cfgfile(kRecord.c_str(), buf, 0));
+    EXPECT_EQ(-2, http_get_cfgfile(nullptr, buf, 16));
+    EXPECT_EQ(-2, http_set_cfgfile(kRecord.c_str(), buf, 0));
+    EXPECT_EQ(-2, http_set_cfgfile(kRecord.c_str(), nullptr, 16));
+    EXPECT_EQ(-1, http_get_cfgfile((kDir + "/missing").c_str(), buf, 16));
+    EXPECT_EQ(-7, http_set_cfgfile("/mnt/no/such/dir/file", buf, 16));
+    EXPECT_NE(0, http_get_cfgfile((kDir + "/dir").c_str(), buf, 16));
+    EXPECT_EQ(-7, http_set_cfgfile((kDir + "/dir").c_str(), buf, 16));
+    EXPECT_EQ(-7, http_set_jsoncfgfile("/mnt/none/x.json", "{}"));
+    EXPECT_EQ("dir\n", leftovers());
+    std::string text = err.text();
+    EXPECT_NE(std::string::npos, text.find(" size[0] invailed\n"));
+    EXPECT_TRUE(ts::has_error(text, "stat file:" + kDir + "/missing error=2(No such file or directory)\n"));
+    EXPECT_NE(std::string::npos, text.find(" open/creat file[/mnt/no/such/dir/file] failed! errno=2("));
+    EXPECT_NE(std::string::npos, text.find("fopen: No such file or directory"));
+}
+
+TEST_F(CfgFile, WritersReplaceWholeFilesWithTheModeOfTheUmask)
+{
+    const std::string text = kDir + "/text.json";
+    ts::write_file(kRecord, std::string(4096, 'o'), 0600);
+    for (mode_t mask : {022, 0}) {
+        umask(mask);
+        EXPECT_EQ(0, http_set_cfgfile(kRecord.c_str(), "abc", 3));
+        EXPECT_EQ(0, http_set_jsoncfgfile(text.c_str(), mask ? "{\"Port\": 80}" : ""));
+        for (auto [path, mode] : {std::pair{kRecord, 0664u}, {text, 0666u}}) {
+            struct stat st;
+            ASSERT_EQ(0, stat(path.c_str(), &st));
+            EXPECT_EQ(mode & ~mask, st.st_mode & 0777) << path;
+        }
+    }
+    umask(022);
+    EXPECT_EQ("abc", ts::read_file(kRecord));
+    EXPECT_EQ(0, ts::file_size(text));
+    EXPECT_EQ("record\ntext.json\n", leftovers());
+}
+
+TEST_F(CfgFile, TextReadersReturnContentOrNothing)
+{
+    const std::string text = kDir + "/cap.json";
+    int len = -5;
+    EXPECT_EQ(nullptr, http_get_datafile(text.c_str(), &len));
+    EXPECT_EQ(0, len);
+    EXPECT_EQ(nullptr, http_get_jsoncfgfile(text.c_str()));
+    ts::write_file(text, "");
+    len = -5;
+    EXPECT_EQ(nullptr, http_get_datafile(text.c_str(), &len));
+    EXPECT_EQ(0, len);
+    HeapText empty(http_get_jsoncfgfile(text.c_str()));
+    ASSERT_NE(nullptr, empty);
+    EXPECT_STREQ("", empty.get());
+
+    ts::write_file(text, "{\n\t\"a\":\t1\n}");
+    HeapText data(http_get_datafile(text.c_str(), &len)), again(http_get_jsoncfgfile(text.c_str()));
+    ASSERT_TRUE(data && again);
+    EXPECT_STREQ("{\n\t\"a\":\t1\n}", data.get());
+    EXPECT_EQ(11, len);
+    EXPECT_STREQ(data.get(), again.get());
+}
+
+// A writer killed at any moment leaves the old record or the new one, whole.
+TEST_F(CfgFile, KilledWriterNeverLeavesATornRecord)
+{
+    std::string a(2048, 'A'), b(2048, 'B');
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), a.data(), 2048));
+    std::mt19937 rng(7);
+    for (int round = 0; round < 25; ++round) {
+        pid_t child = fork();
+        if (child == 0) {
+            for (int i = 0; i < 500; ++i)
+                http_set_cfgfile(kRecord.c_str(), (i % 2 ? a : b).data(), 2048);
+            _exit(0);
+        }
+        usleep(std::uniform_int_distribution<int>(0, 20000)(rng));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        char buf[2048];
+        ASSERT_EQ(0, http_get_cfgfile(kRecord.c_str(), buf, sizeof buf)) << "round " << round;
+        ASSERT_TRUE(std::string(buf, 2048) == a || std::string(buf, 2048) == b) << "torn record in round " << round;
+    }
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), a.data(), 2048));
+    EXPECT_EQ("record\n", leftovers()) << "the next write clears a killed writer's leftover";
+}
+
+TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
+{
+    std::string a(2048, 'A'), b(2048, 'B');
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    auto writer = [&](const std::string &rec) {
+        for (int i = 0; i < 300; ++i)
+            bad += http_set_cfgfile(kRecord.c_str(), rec.data(), 2048) != 0;
+    };
+    std::thread reader([&] {
+        char buf[2048];
+        while (!stop)
+            if (http_get_cfgfile(kRecord.c_str(), buf, sizeof buf) == 0)
+                bad += std::string(buf, 2048) != a && std::string(buf, 2048) != b;
+    });
+    {
+        ts::Capture err(2);  // the reader may find no file before the first rename
+        std::thread t1(writer, a), t2(writer, b);
+        t1.join();
+        t2.join();
+        stop = true;
+        reader.join();
+    }
+    EXPECT_EQ(0, bad.load());
+}
+
+} // namespace

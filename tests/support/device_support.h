@@ -35,8 +35,6 @@ private:
 // How often part occurs in text (a log, say).
 size_t occurrences(const std::string &text, const std::string &part);
 
-// The default account's password digest (of "tavel").
-constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";
 
 // The envelope forms, printed as the server prints them.
 std::string coded_failure(int code, const std::string &reason);

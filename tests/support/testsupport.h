@@ -12,6 +12,7 @@
 namespace ts {
 
 constexpr char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
+constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";  // of the default password "tavel"
 
 // Binaries and sources of this build.
 std::string bin_path(const std::string &name);

@@ -1,5 +1,3 @@
-#include "accounts_support.h"
-#include "actions/password_check.h"
 #include "c2json/login_json.h"
 #include "common/owners.h"
 #include "json2c/json_fields.h"
@@ -9,8 +7,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
-using accounts::has_error_line;
 
 TEST(LoginJson, LoginBodyYieldsCredentialsAndATimeoutOfAtLeastOne)
 {
@@ -75,7 +71,7 @@ TEST(LoginJson, UnusableTextsAreRefusedWithTheirCodesAndLines)
                                         : getSessionidParamFromJSON(c.text, id, sizeof id);
         std::string text = err.text();
         EXPECT_EQ(c.code, code) << (c.text ? c.text : "<null>");
-        EXPECT_TRUE(has_error_line(text, c.line)) << (c.text ? c.text : "<null>") << "\n" << text;
+        EXPECT_TRUE(ts::has_error(text, c.line)) << (c.text ? c.text : "<null>") << "\n" << text;
     }
 }
 
@@ -90,32 +86,7 @@ TEST(LoginJson, VerificationPayloadIsPrintedByteForByte)
     EXPECT_STREQ("{\n\t\"UserName\":\t\"admin\",\n\t\"Password\":\t\"pa\\\"ss\",\n\t\"MD5Password\":\t1\n}", out);
     ts::Capture err(2);
     EXPECT_EQ(-2, formatLoginMsgParamJSON(&out, nullptr));
-    EXPECT_TRUE(has_error_line(err.text(), "Invalid input params!\n"));
-}
-
-TEST(PasswordCheck, MatchesAStoredAccountExactlyAndNothingElse)
-{
-    accounts::fresh_device();
-    EXPECT_EQ(1, check_user_pass_valid("admin", accounts::kTavelDigest.c_str()));  // the default account
-    ts::write_file(accounts::kAccountFile, accounts::image({{"admin", "AB12"}, {"bob", "cd34"}}));
-    EXPECT_EQ(1, check_user_pass_valid("bob", "cd34"));
-    // Case counts; a free slot (empty name and digest) is no account.
-    const std::pair<const char *, const char *> wrong[] = {
-        {"admin", "ab12"}, {"Bob", "cd34"}, {"bob", "cd3"}, {"bob", "cd345"}, {"", ""}, {"admin", "cd34"},
-    };
-    for (const auto &[name, digest] : wrong) {
-        ts::Capture err(2);
-        EXPECT_EQ(0, check_user_pass_valid(name, digest)) << name << " " << digest;
-        EXPECT_TRUE(has_error_line(err.text(), "login < UserName and password is false>\n"));
-    }
-    ts::Capture err(2);
-    EXPECT_EQ(0, check_user_pass_valid(nullptr, "cd34"));
-    ts::remove_tree(accounts::kAccountFile);
-    accounts::ReadOnlyDir readonly(accounts::kConfigDir);
-    EXPECT_EQ(0, check_user_pass_valid("admin", accounts::kTavelDigest.c_str()));
-    std::string text = err.text();
-    EXPECT_TRUE(has_error_line(text, "failure username and password input...\n"));
-    EXPECT_TRUE(has_error_line(text, "get User params fail!  return : -1\n"));
+    EXPECT_TRUE(ts::has_error(err.text(), "Invalid input params!\n"));
 }
 
 } // namespace

@@ -1,0 +1,335 @@
+// The settings actions in-process: page language, web port, device clock, capability files
+// and reboot.
+#include "actions/capability_actions.h"
+#include "actions/clock_actions.h"
+#include "actions/language_actions.h"
+#include "actions/language_format.h"
+#include "actions/port_actions.h"
+#include "actions/reboot_action.h"
+#include "common/owners.h"
+#include "json2c/clock_json.h"
+#include "testsupport.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <map>
+#include <sstream>
+
+namespace {
+
+using namespace std::string_literals;
+
+const std::string kGot = "Successfully to get params", kSet = "Successfully to set params";
+const std::string kParamDir = "/mnt/usr/config/app_parameters", kCapFile = "/mnt/app/web_root/config/device_cap.json";
+
+class SettingsActions : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ts::reset_device_tree();
+        ts::make_dirs(kParamDir);
+        ts::make_dirs("/mnt/app/web_root/config");
+    }
+};
+
+// The language record as stored; language may fill its field whole, without a terminator.
+std::string language_record(const std::string &language, int32_t mode)
+{
+    LanguageFormat lang{};
+    memcpy(lang.language, language.data(), std::min(language.size(), sizeof lang.language));
+    lang.mode = mode;
+    memcpy(lang.index_page, "login.html", 10);
+    return std::string(reinterpret_cast<const char *>(&lang), sizeof lang);
+}
+
+std::string language_reply(const std::string &language, int mode)
+{
+    return ts::params(kGot, "{\n\t\"language\":\t\"" + language + "\",\n\t\"mode\":\t" + std::to_string(mode) + "\n}");
+}
+
+TEST_F(SettingsActions, LanguageSetStoresTheWholeRecordAndGetReturnsLanguageAndMode)
+{
+    for (int mode : {1, -7}) {
+        std::string body = R"({"language":"english","mode":)" + std::to_string(mode) + "}";
+        EXPECT_EQ(ts::ok(kSet), ts::call(actionSetLanguageFormat, body.c_str()).reply);
+        EXPECT_EQ(language_record("english", mode), ts::read_file(WEB_LANGUAGE_FILE));
+        EXPECT_EQ(language_reply("english", mode), ts::call(actionGetLanguageFormat, nullptr).reply);
+    }
+    ts::write_file(WEB_LANGUAGE_FILE, language_record(std::string(128, 'x'), 2));
+    EXPECT_EQ(language_reply(std::string(128, 'x'), 2), ts::call(actionGetLanguageFormat, nullptr).reply);
+}
+
+TEST_F(SettingsActions, LanguageRefusalsLeaveTheFileAsItIs)
+{
+    const std::pair<const char *, const char *> refused[] = {
+        {R"({"language":"English","mode":1})", "Invalid params!\n"},
+        {R"({"language":"chinese"})", "mode is empty or error value type : -1\n"},
+        {R"({"language":"chinese","mode":"1"})", "mode is empty or error value type : 16\n"},
+        {R"({"language":"chinese",)", "json pack into cjson error...\n"},
+    };
+    const std::string stored = language_record("chinese", 3);
+    ts::write_file(WEB_LANGUAGE_FILE, stored);
+    for (auto [body, line] : refused) {
+        ts::Outcome set = ts::call(actionSetLanguageFormat, body);
+        EXPECT_EQ(-1, set.rc) << body;
+        EXPECT_EQ(ts::fail("set language params fail"), set.reply);
+        EXPECT_TRUE(ts::has_error(set.err, line, "getLanguageFormatFromJSON")) << set.err;
+        EXPECT_EQ(stored, ts::read_file(WEB_LANGUAGE_FILE));
+    }
+    // A missing or 259-byte file is not answered and not recreated; a missing folder cannot be written.
+    ts::remove_tree(WEB_LANGUAGE_FILE);
+    ts::Outcome missing = ts::call(actionGetLanguageFormat, nullptr);
+    EXPECT_EQ(-1, missing.rc);
+    EXPECT_EQ(ts::fail("get language params fail"), missing.reply);
+    EXPECT_TRUE(ts::has_error(missing.err, "GetLanguage Format Fail! return : -1\n", "actionGetLanguageFormat"));
+    EXPECT_FALSE(ts::exists(WEB_LANGUAGE_FILE));
+    ts::write_file(WEB_LANGUAGE_FILE, stored.substr(0, 259));
+    EXPECT_EQ(ts::fail("get language params fail"), ts::call(actionGetLanguageFormat, nullptr).reply);
+    EXPECT_EQ(259, ts::file_size(WEB_LANGUAGE_FILE));
+    ts::remove_tree("/mnt/app/web_root/config");
+    ts::Outcome unwritable = ts::call(actionSetLanguageFormat, R"({"language":"english","mode":1})");
+    EXPECT_EQ(ts::fail("set language params fail"), unwritable.reply);
+    EXPECT_NE(std::string::npos, unwritable.err.find("Set Language Format Fail!\n"));
+}
+
+constexpr int kUntouched = -99;
+
+TEST_F(SettingsActions, PortGetCreatesAMissingFileAndReturnsAStoredObjectVerbatim)
+{
+    const std::string fresh = "{\n\t\"Port\":\t80\n}", other = "{ \"Port\" : 8080,\n  \"Owner\": \"x\" }\n";
+    const struct {
+        const char *stored;  // nullptr: no file
+        int port;            // kUntouched: refused
+        std::string after;
+    } cases[] = {
+        {nullptr, 80, fresh},
+        {"", 80, fresh},
+        {other.c_str(), 8080, other},
+        {"Port=8080", kUntouched, "Port=8080"},
+        {R"({"Port":"8080"})", kUntouched, R"({"Port":"8080"})"},
+    };
+    for (const auto &c : cases) {
+        if (c.stored)
+            ts::write_file(WEB_PORT_FILE, c.stored);
+        int port = kUntouched;
+        ts::Outcome get = ts::call([&](char **out) { return actionGetPortParam(nullptr, out, &port); });
+        EXPECT_EQ(c.port, port) << c.after;
+        EXPECT_EQ(c.port == kUntouched ? -1 : 0, get.rc);
+        EXPECT_EQ(c.port == kUntouched ? ts::fail("Failed to get params") : ts::params(kGot, c.after), get.reply);
+        EXPECT_EQ(c.after, ts::read_file(WEB_PORT_FILE));
+    }
+    ts::remove_tree(kParamDir);  // the default cannot be stored, so nothing is read
+    int port = kUntouched;
+    EXPECT_EQ(ts::fail("Failed to get params"),
+              ts::call([&](char **out) { return actionGetPortParam(nullptr, out, &port); }).reply);
+    EXPECT_EQ(kUntouched, port);
+}
+
+TEST_F(SettingsActions, PortSetReplacesTheFileAndHandsOverOnlyAUsablePort)
+{
+    auto set = [](const std::string &body, int *port) {
+        return ts::call([&](char **out) { return actionSetPortParam(body.c_str(), out, port); });
+    };
+    ts::write_file(WEB_PORT_FILE, R"({"Port":80,"Owner":"installer"})");
+    for (int wanted : {8081, 1, 65535}) {
+        int port = 80;
+        EXPECT_EQ(ts::ok(kSet), set("{\"Port\":" + std::to_string(wanted) + "}", &port).reply);
+        EXPECT_EQ(wanted, port);
+        EXPECT_EQ("{\n\t\"Port\":\t" + std::to_string(wanted) + "\n}", ts::read_file(WEB_PORT_FILE));
+    }
+    const std::string stored = ts::read_file(WEB_PORT_FILE);
+    for (const char *value : {"0", "65536", "-1", "1e12", "\"8081\""}) {
+        int port = 80;
+        ts::Outcome refused = set("{\"Port\":" + std::string(value) + "}", &port);
+        EXPECT_EQ(-1, refused.rc) << value;
+        EXPECT_EQ(80, port);
+        EXPECT_EQ(ts::fail("Failed to set params"), refused.reply);
+        EXPECT_EQ(stored, ts::read_file(WEB_PORT_FILE));
+    }
+    ts::remove_tree(kParamDir);
+    int port = 80;
+    ts::Outcome unwritable = set(R"({"Port":8081})", &port);
+    EXPECT_EQ(ts::fail("Failed to set params"), unwritable.reply);
+    EXPECT_TRUE(ts::has_error(unwritable.err, "Set http port Fail!\n", "actionSetPortParam"));
+    EXPECT_EQ(80, port);
+}
+
+TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
+{
+    auto status = [](int port) {
+        std::string body = "{\"Port\":" + std::to_string(port) + "}";
+        return ts::call(actionGetPortStatus, body.c_str());
+    };
+    UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    ASSERT_EQ(0, listen(listener.get(), 1));
+    ASSERT_EQ(0, getsockname(listener.get(), reinterpret_cast<sockaddr *>(&addr), &len));
+    ts::Outcome busy = status(ntohs(addr.sin_port));
+    EXPECT_EQ(-1, busy.rc);
+    EXPECT_EQ(ts::fail("http port in use"), busy.reply);
+
+    std::string listed;
+    ts::run({"/bin/sh", "-c", "netstat -tuln"}, &listed);
+    int unlisted = 20000;
+    while (listed.find(std::to_string(unlisted)) != std::string::npos)
+        ++unlisted;
+    ts::Outcome available = status(unlisted);
+    EXPECT_EQ(0, available.rc);
+    EXPECT_EQ(ts::ok("Port available"), available.reply);
+    for (int refused : {0, 65536})
+        EXPECT_EQ(ts::fail("Failed to get params"), status(refused).reply);
+}
+
+// A body for 2023-12-31 23:59:58 with members replaced (or left out with the value "").
+std::string clock_body(const std::map<std::string, std::string> &changes)
+{
+    const std::pair<const char *, int> base[] = {{"tm_sec", 58}, {"tm_min", 59},   {"tm_hour", 23}, {"tm_mday", 31},
+                                                 {"tm_mon", 11}, {"tm_year", 123}, {"tm_wday", 0}};
+    std::string body;
+    for (const auto &[name, v] : base) {
+        auto change = changes.find(name);
+        std::string text = change != changes.end() ? change->second : std::to_string(v);
+        if (!text.empty())
+            body += (body.empty() ? "{\"" : ",\"") + std::string(name) + "\":" + text;
+    }
+    return body + "}";
+}
+
+TEST_F(SettingsActions, ClockChecksEachFieldAtBothEndsOfItsRangeWithItsOwnMessage)
+{
+    const struct {
+        const char *member;
+        int min, max;
+        const char *line;
+    } ranges[] = {
+        {"tm_sec", 0, 59, "Invalid params ! <sec>\n"},  {"tm_min", 0, 59, "Invalid params! <min>\n"},
+        {"tm_hour", 0, 23, "Invalid params! <hour>\n"}, {"tm_mday", 1, 31, "Invalid params! <mday>\n"},
+        {"tm_mon", 0, 11, "Invalid params! <mon>\n"},   {"tm_wday", 0, 6, "Invalid params! <wday>\n"},
+    };
+    for (const auto &r : ranges) {
+        for (int inside : {r.min, r.max}) {
+            struct tm t {};
+            EXPECT_EQ(0, getRtcParamFromJSON(clock_body({{r.member, std::to_string(inside)}}).c_str(), &t));
+        }
+        for (int outside : {r.min - 1, r.max + 1}) {
+            ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body({{r.member, std::to_string(outside)}}).c_str());
+            EXPECT_EQ(-1, set.rc) << r.member << " " << outside;
+            EXPECT_EQ(ts::fail("Invalid input params"), set.reply);
+            EXPECT_TRUE(ts::has_error(set.err, r.line, "getRtcParamFromJSON")) << set.err;
+        }
+    }
+    ts::Outcome missing = ts::call(actionsetDeviceLocalTime, clock_body({{"tm_wday", ""}}).c_str());
+    EXPECT_EQ(ts::fail("Invalid input params"), missing.reply);
+    EXPECT_NE(std::string::npos, missing.err.find("tm_wday is empty or error value type : -1\n"));
+}
+
+// Years outside 1971..2069 are refused with the values as sent; times that pass every check
+// (February 30 included) reach the clock, which the test namespace may not set.
+TEST_F(SettingsActions, ClockRefusesYearsOutOfRangeAndHandsCheckedTimesToTheClock)
+{
+    const std::pair<std::map<std::string, std::string>, int> cases[] = {
+        {{{"tm_year", "70"}}, -2},  {{{"tm_year", "170"}}, -2}, {{{"tm_year", "71"}}, -1},
+        {{{"tm_year", "169"}}, -1}, {{{"tm_mon", "1"}, {"tm_mday", "30"}}, -1},
+    };
+    for (const auto &[changes, rc] : cases) {
+        std::string body = clock_body(changes);
+        ts::Outcome set = ts::call(actionsetDeviceLocalTime, body.c_str());
+        EXPECT_EQ(rc, set.rc) << body;
+        EXPECT_EQ(ts::fail("set rtc fail"), set.reply);
+        size_t refused = set.err.find(", http_Set_LocalTime>: parma is invailed:\n\033[0m"),
+               failed = set.err.find(", http_Set_LocalTime>: set rtc fail! return : " + std::to_string(rc) + "\n");
+        EXPECT_NE(std::string::npos, failed) << set.err;
+        EXPECT_EQ(rc == -2, refused < failed) << body;
+        EXPECT_TRUE(rc != -2 || set.out == "sec=58,min=59,hour=23\nday=31,mon=11,year=" + changes.at("tm_year") +
+                                               ";tm_wday=0\n") << set.out;
+    }
+}
+
+// In a zone that keeps summer time all year, a conversion that ignored the zone's rules
+// would be an hour off and try to set the clock.
+TEST_F(SettingsActions, ClockAcceptsTheCurrentLocalTimeWithoutSettingItAndShowsItAsNineteenCharacters)
+{
+    const char *saved = getenv("TZ");
+    std::string old = saved ? saved : "";
+    setenv("TZ", "XST-1XDT,0/0,J365/25", 1);
+    tzset();
+    time_t now = time(nullptr);
+    struct tm t {};
+    localtime_r(&now, &t);
+    char body[256];
+    snprintf(body, sizeof body,
+             R"({"tm_sec":%d,"tm_min":%d,"tm_hour":%d,"tm_mday":%d,"tm_mon":%d,"tm_year":%d,"tm_wday":%d})",
+             t.tm_sec, t.tm_min, t.tm_hour, t.tm_mday, t.tm_mon, t.tm_year, t.tm_wday);
+    ts::Outcome set = ts::call(actionsetDeviceLocalTime, body);
+    auto reply_now = [] {
+        time_t now = time(nullptr);
+        char shown[32];
+        strftime(shown, sizeof shown, "%Y/%m/%d_%H:%M:%S", localtime(&now));
+        return ts::params(kGot, "{\n\t\"local_time\":\t\"" + std::string(shown) + "\"\n}");
+    };
+    std::string before = reply_now(), got = ts::call(actiongetDeviceLocalTime, nullptr).reply, after = reply_now();
+    saved ? setenv("TZ", old.c_str(), 1) : unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(1, t.tm_isdst);
+    EXPECT_EQ(0, set.rc) << set.err;
+    EXPECT_EQ(ts::ok(kSet), set.reply);
+    EXPECT_EQ("", set.err);
+    EXPECT_TRUE(got == before || got == after) << got;
+}
+
+TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessItIsOneJsonValue)
+{
+    auto get_cap = [](const char *path) {
+        return ts::call([&](char **out) { return actionGetDeviceCap(path, nullptr, out); });
+    };
+    for (const std::string &stored : {"{ \"Audio\" :1,\n  \"Channels\": [ 1, 2 ]  }\n"s, "[]"s, "7"s}) {
+        ts::write_file(kCapFile, stored);
+        ts::Outcome get = get_cap(kCapFile.c_str());
+        EXPECT_EQ(0, get.rc);
+        EXPECT_EQ(ts::params(kGot, stored), get.reply);
+    }
+    // Cut short, two values, not JSON at all, and a NUL byte hiding the rest.
+    for (const std::string &stored : {"{\"Audio\":"s, "{} {}"s, "Audio=1"s, "{}\0{\"x\""s, ""s}) {
+        ts::write_file(kCapFile, stored);
+        ts::Outcome get = get_cap(kCapFile.c_str());
+        EXPECT_EQ(-1, get.rc) << stored;
+        EXPECT_EQ(ts::fail("Failed to get params"), get.reply);
+    }
+    ts::remove_tree(kCapFile);
+    ts::Outcome missing = get_cap(kCapFile.c_str());
+    EXPECT_EQ(ts::fail("Failed to get params"), missing.reply);
+    EXPECT_NE(std::string::npos, missing.out.find(">: open " + kCapFile + " failed use default para\n")) << missing.out;
+    EXPECT_EQ(ts::fail("Invalid input params"), get_cap(nullptr).reply);
+}
+
+// The stand-ins of reboot and sync record "NAME SECONDS.NANOSECONDS" in /tmp/standins.log.
+TEST(Reboot, SyncsWaitsPrintsTheBannerAndAsksTwiceForTheRestart)
+{
+    ts::write_file("/tmp/standins.log", "");
+    ts::Outcome reboot = ts::call(actionSetDeviceReboot, nullptr);
+    EXPECT_EQ(0, reboot.rc);
+    EXPECT_EQ("<null>", reboot.reply);
+    EXPECT_EQ("\n"
+              "_________________________________________________________________\n"
+              "|                Device Start Restart <system>                  |\n"
+              "|_______________________________________________________________|\n",
+              reboot.out);
+    std::istringstream log(ts::read_file("/tmp/standins.log"));
+    std::vector<std::pair<std::string, double>> calls;
+    std::string name;
+    for (double at; log >> name >> at;)
+        calls.emplace_back(name, at);
+    ASSERT_EQ(3u, calls.size()) << ts::read_file("/tmp/standins.log");
+    EXPECT_EQ("sync", calls[0].first);
+    EXPECT_EQ("reboot", calls[1].first);
+    EXPECT_EQ("reboot", calls[2].first);
+    EXPECT_NEAR(8.0, calls[1].second - calls[0].second, 0.5);
+    EXPECT_NEAR(3.0, calls[2].second - calls[1].second, 0.5);
+}
+
+} // namespace

@@ -89,6 +89,19 @@ void reset_device_tree()
     }
 }
 
+void lay_out_demo_tree()
+{
+    reset_device_tree();
+    make_dirs("/mnt/app");
+    make_dirs("/mnt/usr/config");
+    fs::copy(source_path("demo/web_root"), kWebRoot, fs::copy_options::recursive);
+    fs::copy(source_path("demo/usr/config/app_parameters"), "/mnt/usr/config/app_parameters",
+             fs::copy_options::recursive);
+    fs::remove(kPortFile);
+}
+
+void store_port(int port) { write_file(kPortFile, "{\n\t\"Port\":\t" + std::to_string(port) + "\n}"); }
+
 std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts)
 {
     std::string img(2048, '\0');
@@ -97,6 +110,14 @@ std::string account_image(const std::vector<std::pair<std::string, std::string>>
         img.replace(128 * i + 64, accounts[i].second.size(), accounts[i].second);
     }
     return img;
+}
+
+size_t occurrences(const std::string &text, const std::string &part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
 }
 
 Capture::Capture(int fd) : fd_(fd)
@@ -255,9 +276,19 @@ int run(const std::vector<std::string> &argv, std::string *output, int timeout_m
     return status;
 }
 
+Process start_server(const std::vector<std::string> &args)
+{
+    int port = args.empty() ? 0 : static_cast<int>(strtol(args[0].c_str(), nullptr, 10));
+    if (port > 0 && port < 65536 && exists("/mnt/usr/config/app_parameters") && !exists(kPortFile))
+        store_port(port);
+    std::vector<std::string> argv{bin_path("webserver")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return Process(argv, "/tmp/webserver.log");
+}
+
 Process start_sim(const std::string &scenario_json)
 {
-    std::vector<std::string> argv = {bin_path("devicesim"), "/mnt/app/web_root/config/command_para"};
+    std::vector<std::string> argv = {bin_path("devicesim"), std::string(kWebRoot) + "/config/command_para"};
     if (!scenario_json.empty()) {
         write_file("/tmp/scenario.json", scenario_json);
         argv.push_back("/tmp/scenario.json");
@@ -298,6 +329,8 @@ int free_port()
     getsockname(fd.get(), reinterpret_cast<sockaddr *>(&addr), &len);
     return ntohs(addr.sin_port);
 }
+
+std::string local_url(int port, const std::string &path) { return "http://127.0.0.1:" + std::to_string(port) + path; }
 
 namespace {
 
@@ -442,6 +475,31 @@ long long now_ms()
 {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+Device::Device(const std::string &scenario, const std::string &routes, int port) : port_(port)
+{
+    lay_out_demo_tree();
+    if (!routes.empty())
+        write_file(std::string(kWebRoot) + "/config/command_para", routes);
+    sim_ = start_sim(scenario);
+    server_ = start_server({std::to_string(port), "lo"});
+    EXPECT_TRUE(wait_for_port("127.0.0.1", port, true)) << server_.log();
+}
+
+HttpReply Device::call(const std::string &action, const std::string &query, const std::string &body)
+{
+    return http_post(local_url(port_, "/action/device/" + action + (query.empty() ? "" : "?" + query)), body);
+}
+
+std::string Device::login(int timeout)
+{
+    HttpReply r = call("login", "",
+                       std::string(R"({"username":"admin","password":")") + kAdminDigest +
+                           R"(","timeout":)" + std::to_string(timeout) + "}");
+    CJsonPtr tree(cJSON_Parse(r.body.c_str()));
+    const cJSON *id = cJSON_GetObjectItemCaseSensitive(tree.get(), "sessionid");
+    return cJSON_IsString(id) ? id->valuestring : "";
 }
 
 } // namespace ts

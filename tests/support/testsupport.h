@@ -11,6 +11,8 @@
 
 namespace ts {
 
+constexpr char kWebRoot[] = "/mnt/app/web_root";
+constexpr char kPortFile[] = "/mnt/usr/config/app_parameters/WebServerParameter.json";
 constexpr char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
 constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";  // of the default password "tavel"
 
@@ -28,8 +30,13 @@ void make_file(const std::string &path, unsigned long long size);  // sparse
 void remove_tree(const std::string &path);
 // Empties the device tree (/mnt) and the test's /tmp, keeping the stand-in log.
 void reset_device_tree();
+// Empties the device tree and lays out the demo's, without a stored port.
+void lay_out_demo_tree();
+void store_port(int port);
 // The 2048-byte account file holding these {name, digest} accounts from slot 0 on.
 std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts);
+// How often part occurs in text.
+size_t occurrences(const std::string &text, const std::string &part);
 
 // Captures what the calling process writes to stdout or stderr (at the fd level).
 class Capture {
@@ -60,6 +67,7 @@ Outcome call(int (*handler)(const char *, char **), const char *body);
 std::string envelope(const char *result, const char *reason, int code = 0, const char *raw_params = nullptr);
 inline std::string fail(const std::string &reason) { return envelope("Fail", reason.c_str()); }
 inline std::string ok(const std::string &reason) { return envelope("OK", reason.c_str()); }
+inline std::string plain_ok() { return envelope("OK", nullptr); }
 inline std::string coded(int code, const std::string &reason) { return envelope("Fail", reason.c_str(), code); }
 inline std::string params(const std::string &reason, const std::string &raw)
 {
@@ -92,6 +100,9 @@ private:
 // Runs a command to its end; returns its exit status and fills output (stdout+stderr).
 int run(const std::vector<std::string> &argv, std::string *output = nullptr, int timeout_ms = 30000);
 
+// build/bin/webserver with these arguments. A device without a port file stores 80 at start
+// and the stored port wins, so the command line's port is stored unless the test stored one.
+Process start_server(const std::vector<std::string> &args);
 // devicesim on the routing file (and a scenario when given), serving when returned.
 Process start_sim(const std::string &scenario_json = "");
 
@@ -99,6 +110,7 @@ Process start_sim(const std::string &scenario_json = "");
 bool port_accepts(const std::string &host, int port);
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms = 5000);
 int free_port();
+std::string local_url(int port, const std::string &path);
 
 struct HttpReply {
     long status = 0;  // 0 when the request failed at the transport
@@ -131,5 +143,23 @@ std::string status_line(const std::string &raw);
 int temp_files();
 
 long long now_ms();
+
+// The whole device: the demo tree (with this routing file when given), the simulator and
+// the real webserver on 127.0.0.1:port, driven over HTTP.
+class Device {
+public:
+    explicit Device(const std::string &scenario = "", const std::string &routes = "", int port = 8080);
+    // POST body to /action/device/ACTION?QUERY (query without "?").
+    HttpReply call(const std::string &action, const std::string &query = "", const std::string &body = "");
+    // Logs in as admin with the default digest; the session id ("" on failure).
+    std::string login(int timeout = 600);
+    int port() const { return port_; }
+    Process &server() { return server_; }
+    Process &sim() { return sim_; }
+
+private:
+    int port_;
+    Process sim_, server_;
+};
 
 } // namespace ts

@@ -1,5 +1,5 @@
 // Recording listing and deletion through the real binary, on a small card.
-#include "device_support.h"
+#include "testsupport.h"
 #include "network/storage.h"
 
 #include <gtest/gtest.h>

@@ -2,18 +2,20 @@
 
 #include "common/owners.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <curl/curl.h>
+#include <curl/header.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -23,13 +25,33 @@ namespace fs = std::filesystem;
 
 namespace ts {
 
+namespace {
+
+void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+sockaddr_in address(const std::string &host, int port)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
+    return addr;
+}
+
+bool connect_to(int fd, const std::string &host, int port)
+{
+    sockaddr_in addr = address(host, port);
+    return connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+}
+
+} // namespace
+
 std::string bin_path(const std::string &name) { return std::string(WEB_BIN_DIR) + "/" + name; }
 std::string source_path(const std::string &relative) { return std::string(WEB_SOURCE_DIR) + "/" + relative; }
 
 void write_file(const std::string &path, const std::string &content, mode_t mode)
 {
-    if (fs::path(path).has_parent_path())
-        fs::create_directories(fs::path(path).parent_path());
+    fs::create_directories(fs::path(path).parent_path());
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
     if (!fd || write(fd.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
         throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
@@ -38,9 +60,7 @@ void write_file(const std::string &path, const std::string &content, mode_t mode
 std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool exists(const std::string &path)
@@ -77,16 +97,14 @@ void remove_tree(const std::string &path)
 void reset_device_tree()
 {
     std::error_code ec;
-    for (const char *top : {"/mnt", "/tmp"}) {
+    for (const char *top : {"/mnt", "/tmp"})
         for (auto &entry : fs::directory_iterator(top, ec)) {
             // The repository may be bind-mounted under /tmp when the checkout lives there.
             std::string inside = entry.path().string() + "/";
-            if (entry.path().filename() == "standins.log" || std::string(WEB_SOURCE_DIR).rfind(inside, 0) == 0 ||
-                std::string(WEB_BIN_DIR).rfind(inside, 0) == 0)
-                continue;
-            fs::remove_all(entry.path(), ec);
+            if (entry.path().filename() != "standins.log" && std::string(WEB_SOURCE_DIR).rfind(inside, 0) != 0 &&
+                std::string(WEB_BIN_DIR).rfind(inside, 0) != 0)
+                fs::remove_all(entry.path(), ec);
         }
-    }
 }
 
 void lay_out_demo_tree()
@@ -94,13 +112,11 @@ void lay_out_demo_tree()
     reset_device_tree();
     make_dirs("/mnt/app");
     make_dirs("/mnt/usr/config");
-    fs::copy(source_path("demo/web_root"), kWebRoot, fs::copy_options::recursive);
+    fs::copy(source_path("demo/web_root"), "/mnt/app/web_root", fs::copy_options::recursive);
     fs::copy(source_path("demo/usr/config/app_parameters"), "/mnt/usr/config/app_parameters",
              fs::copy_options::recursive);
     fs::remove(kPortFile);
 }
-
-void store_port(int port) { write_file(kPortFile, "{\n\t\"Port\":\t" + std::to_string(port) + "\n}"); }
 
 std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts)
 {
@@ -132,8 +148,6 @@ Capture::Capture(int fd) : fd_(fd)
     dup2(out, fd_);
     close(out);
 }
-
-Capture::~Capture() { text(); }
 
 std::string Capture::text()
 {
@@ -194,8 +208,7 @@ Process::Process(const std::vector<std::string> &argv, const std::string &log_pa
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
     fflush(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
+    if ((pid_ = fork()) == 0) {
         int fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(fd, 1);
         dup2(fd, 2);
@@ -206,20 +219,14 @@ Process::Process(const std::vector<std::string> &argv, const std::string &log_pa
     }
 }
 
-Process::Process(Process &&other) noexcept { *this = std::move(other); }
-
 Process &Process::operator=(Process &&other) noexcept
 {
-    if (this != &other) {
-        stop();
-        pid_ = std::exchange(other.pid_, -1);
-        status_ = other.status_;
-        log_path_ = other.log_path_;
-    }
+    stop();
+    pid_ = std::exchange(other.pid_, -1);
+    status_ = other.status_;
+    log_path_ = other.log_path_;
     return *this;
 }
-
-Process::~Process() { stop(); }
 
 bool Process::running()
 {
@@ -233,7 +240,7 @@ bool Process::running()
 
 int Process::wait(int timeout_ms)
 {
-    for (long long end = now_ms() + timeout_ms; running(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+    for (long long end = now_ms() + timeout_ms; running(); pause_ms(10))
         if (now_ms() > end)
             return -1;
     return status_;
@@ -241,24 +248,17 @@ int Process::wait(int timeout_ms)
 
 void Process::stop(int sig)
 {
-    if (pid_ <= 0)
-        return;
-    kill(pid_, sig);
-    if (wait(5000) < 0) {
+    if (pid_ > 0 && (kill(pid_, sig), wait(5000) < 0)) {
         kill(pid_, SIGKILL);
         wait(5000);
     }
 }
 
-std::string Process::log() const { return read_file(log_path_); }
-
 bool Process::wait_for_log(const std::string &text, int timeout_ms) const
 {
-    for (long long end = now_ms() + timeout_ms; log().find(text) == std::string::npos;) {
+    for (long long end = now_ms() + timeout_ms; log().find(text) == std::string::npos; pause_ms(20))
         if (now_ms() > end)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     return true;
 }
 
@@ -268,8 +268,7 @@ int run(const std::vector<std::string> &argv, std::string *output, int timeout_m
     close(mkstemp(tmpl));
     Process p(argv, tmpl);
     int status = p.wait(timeout_ms);
-    if (status < 0)
-        p.stop(SIGKILL);
+    p.stop(SIGKILL);
     if (output)
         *output = p.log();
     unlink(tmpl);
@@ -280,7 +279,7 @@ Process start_server(const std::vector<std::string> &args)
 {
     int port = args.empty() ? 0 : static_cast<int>(strtol(args[0].c_str(), nullptr, 10));
     if (port > 0 && port < 65536 && exists("/mnt/usr/config/app_parameters") && !exists(kPortFile))
-        store_port(port);
+        write_file(kPortFile, "{\n\t\"Port\":\t" + std::to_string(port) + "\n}");
     std::vector<std::string> argv{bin_path("webserver")};
     argv.insert(argv.end(), args.begin(), args.end());
     return Process(argv, "/tmp/webserver.log");
@@ -288,7 +287,7 @@ Process start_server(const std::vector<std::string> &args)
 
 Process start_sim(const std::string &scenario_json)
 {
-    std::vector<std::string> argv = {bin_path("devicesim"), std::string(kWebRoot) + "/config/command_para"};
+    std::vector<std::string> argv = {bin_path("devicesim"), "/mnt/app/web_root/config/command_para"};
     if (!scenario_json.empty()) {
         write_file("/tmp/scenario.json", scenario_json);
         argv.push_back("/tmp/scenario.json");
@@ -301,29 +300,21 @@ Process start_sim(const std::string &scenario_json)
 bool port_accepts(const std::string &host, int port)
 {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
-    return connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    return connect_to(fd.get(), host, port);
 }
 
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms)
 {
-    for (long long end = now_ms() + timeout_ms; port_accepts(host, port) != open;) {
+    for (long long end = now_ms() + timeout_ms; port_accepts(host, port) != open; pause_ms(20))
         if (now_ms() > end)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     return true;
 }
 
 int free_port()
 {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr = address("127.0.0.1", 0);
     socklen_t len = sizeof addr;
     bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr);
     getsockname(fd.get(), reinterpret_cast<sockaddr *>(&addr), &len);
@@ -331,31 +322,6 @@ int free_port()
 }
 
 std::string local_url(int port, const std::string &path) { return "http://127.0.0.1:" + std::to_string(port) + path; }
-
-namespace {
-
-size_t collect_body(char *data, size_t size, size_t n, void *user)
-{
-    static_cast<std::string *>(user)->append(data, size * n);
-    return size * n;
-}
-
-size_t collect_header(char *data, size_t size, size_t n, void *user)
-{
-    std::string line(data, size * n);
-    size_t colon = line.find(':');
-    if (colon != std::string::npos) {
-        std::string name = line.substr(0, colon);
-        for (auto &c : name)
-            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-        size_t start = line.find_first_not_of(' ', colon + 1), end = line.find_last_not_of("\r\n");
-        (*static_cast<std::map<std::string, std::string> *>(user))[name] =
-            start <= end && end != std::string::npos ? line.substr(start, end - start + 1) : "";
-    }
-    return size * n;
-}
-
-} // namespace
 
 HttpReply http(const HttpRequest &req)
 {
@@ -367,14 +333,16 @@ HttpReply http(const HttpRequest &req)
     std::unique_ptr<curl_mime, void (*)(curl_mime *)> mime(nullptr, curl_mime_free);
     FilePtr body_file;
     auto add_header = [&](const std::string &h) { headers.reset(curl_slist_append(headers.release(), h.c_str())); };
+    size_t (*collect)(char *, size_t, size_t, void *) = [](char *data, size_t size, size_t n, void *body) {
+        static_cast<std::string *>(body)->append(data, size * n);
+        return size * n;
+    };
     curl_easy_setopt(c.get(), CURLOPT_URL, req.url.c_str());
     curl_easy_setopt(c.get(), CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(c.get(), CURLOPT_NOPROXY, "*");
     curl_easy_setopt(c.get(), CURLOPT_TIMEOUT_MS, req.timeout_ms);
-    curl_easy_setopt(c.get(), CURLOPT_WRITEFUNCTION, collect_body);
+    curl_easy_setopt(c.get(), CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(c.get(), CURLOPT_WRITEDATA, &reply.body);
-    curl_easy_setopt(c.get(), CURLOPT_HEADERFUNCTION, collect_header);
-    curl_easy_setopt(c.get(), CURLOPT_HEADERDATA, &reply.headers);
     for (auto &h : req.headers)
         add_header(h);
     if (!req.upload_path.empty()) {
@@ -401,46 +369,26 @@ HttpReply http(const HttpRequest &req)
         curl_easy_setopt(c.get(), CURLOPT_CUSTOMREQUEST, req.method.c_str());
     curl_easy_setopt(c.get(), CURLOPT_HTTPHEADER, headers.get());
     CURLcode rc = curl_easy_perform(c.get());
-    if (rc == CURLE_OK)
-        curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &reply.status);
-    else
+    if (rc != CURLE_OK)
         reply.error = curl_easy_strerror(rc);
+    curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &reply.status);
+    for (curl_header *h = nullptr; (h = curl_easy_nextheader(c.get(), CURLH_HEADER, -1, h));) {
+        std::string name = h->name;
+        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+        reply.headers[name] = h->value;
+    }
     return reply;
-}
-
-HttpReply http_get(const std::string &url, const std::vector<std::string> &headers)
-{
-    HttpRequest req;
-    req.url = url;
-    req.headers = headers;
-    return http(req);
-}
-
-HttpReply http_post(const std::string &url, const std::string &body)
-{
-    HttpRequest req;
-    req.method = "POST";
-    req.url = url;
-    req.body = body;
-    return http(req);
 }
 
 std::string raw_http(int port, const std::string &request, int timeout_ms)
 {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     std::string got;
-    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+    if (!connect_to(fd.get(), "127.0.0.1", port))
         return got;
-    for (size_t off = 0; off < request.size();) {
-        ssize_t n = send(fd.get(), request.data() + off, request.size() - off, MSG_NOSIGNAL);
-        if (n <= 0)
+    for (ssize_t off = 0, n = 0; off < static_cast<ssize_t>(request.size()); off += n)
+        if ((n = send(fd.get(), request.data() + off, request.size() - off, MSG_NOSIGNAL)) <= 0)
             break;
-        off += static_cast<size_t>(n);
-    }
     char buf[65536];
     for (long long end = now_ms() + timeout_ms; now_ms() < end;) {
         pollfd p{fd.get(), POLLIN, 0};
@@ -459,14 +407,13 @@ std::string status_line(const std::string &raw) { return raw.substr(0, raw.find(
 int temp_files()
 {
     int n = 0;
-    for (int tries = 0; tries < 50; ++tries, n = 0) {
+    for (int tries = 0; tries < 50; ++tries, n = 0, pause_ms(20)) {
         for (auto &e : fs::directory_iterator("/tmp")) {
             std::string name = e.path().filename();
             n += name.rfind("webs-", 0) == 0 || name.rfind(".upgrade-", 0) == 0;
         }
         if (n == 0)
             break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return n;
 }
@@ -481,7 +428,7 @@ Device::Device(const std::string &scenario, const std::string &routes, int port)
 {
     lay_out_demo_tree();
     if (!routes.empty())
-        write_file(std::string(kWebRoot) + "/config/command_para", routes);
+        write_file("/mnt/app/web_root/config/command_para", routes);
     sim_ = start_sim(scenario);
     server_ = start_server({std::to_string(port), "lo"});
     EXPECT_TRUE(wait_for_port("127.0.0.1", port, true)) << server_.log();
@@ -489,17 +436,16 @@ Device::Device(const std::string &scenario, const std::string &routes, int port)
 
 HttpReply Device::call(const std::string &action, const std::string &query, const std::string &body)
 {
-    return http_post(local_url(port_, "/action/device/" + action + (query.empty() ? "" : "?" + query)), body);
+    return http({.method = "POST", .url = local_url(port_, "/action/device/" + action + (query.empty() ? "" : "?" + query)),
+                 .body = body});
 }
 
 std::string Device::login(int timeout)
 {
-    HttpReply r = call("login", "",
-                       std::string(R"({"username":"admin","password":")") + kAdminDigest +
-                           R"(","timeout":)" + std::to_string(timeout) + "}");
-    CJsonPtr tree(cJSON_Parse(r.body.c_str()));
-    const cJSON *id = cJSON_GetObjectItemCaseSensitive(tree.get(), "sessionid");
-    return cJSON_IsString(id) ? id->valuestring : "";
+    HttpReply r = call("login", "", std::string(R"({"username":"admin","password":")") + kAdminDigest +
+                                        R"(","timeout":)" + std::to_string(timeout) + "}");
+    size_t at = r.body.find("\"sessionid\":\t\"");
+    return at == std::string::npos ? "" : r.body.substr(at + 14, r.body.find('"', at + 14) - at - 14);
 }
 
 } // namespace ts

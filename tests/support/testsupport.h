@@ -4,26 +4,22 @@
 
 #include <functional>
 #include <map>
-#include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
 namespace ts {
 
-constexpr char kWebRoot[] = "/mnt/app/web_root";
 constexpr char kPortFile[] = "/mnt/usr/config/app_parameters/WebServerParameter.json";
 constexpr char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
 constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";  // of the default password "tavel"
 
-// Binaries and sources of this build.
-std::string bin_path(const std::string &name);
-std::string source_path(const std::string &relative);
+std::string bin_path(const std::string &name);        // a binary of this build
+std::string source_path(const std::string &relative);  // a file of this source tree
 
-// Files.
 void write_file(const std::string &path, const std::string &content, mode_t mode = 0644);
 std::string read_file(const std::string &path);
-bool exists(const std::string &path);
+bool exists(const std::string &path);  // the link itself counts
 long file_size(const std::string &path);
 void make_dirs(const std::string &path, mode_t mode = 0755);
 void make_file(const std::string &path, unsigned long long size);  // sparse
@@ -32,24 +28,20 @@ void remove_tree(const std::string &path);
 void reset_device_tree();
 // Empties the device tree and lays out the demo's, without a stored port.
 void lay_out_demo_tree();
-void store_port(int port);
 // The 2048-byte account file holding these {name, digest} accounts from slot 0 on.
 std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts);
-// How often part occurs in text.
 size_t occurrences(const std::string &text, const std::string &part);
 
 // Captures what the calling process writes to stdout or stderr (at the fd level).
 class Capture {
 public:
     explicit Capture(int fd);
-    ~Capture();
+    ~Capture() { text(); }
     std::string text();  // stops capturing on first call
 private:
-    int fd_;
-    int saved_ = -1;
-    std::string path_;
+    int fd_, saved_;
+    std::string path_, text_;
     bool done_ = false;
-    std::string text_;
 };
 
 // Whether captured stderr holds the red error line with message (written by func when given).
@@ -79,16 +71,14 @@ class Process {
 public:
     Process() = default;
     Process(const std::vector<std::string> &argv, const std::string &log_path);
-    Process(Process &&other) noexcept;
+    Process(Process &&other) noexcept { *this = std::move(other); }
     Process &operator=(Process &&other) noexcept;
-    ~Process();
-
+    ~Process() { stop(); }
     pid_t pid() const { return pid_; }
     bool running();
-    // Waits up to timeout_ms; returns the exit status (as from waitpid) or -1 on time-out.
-    int wait(int timeout_ms);
+    int wait(int timeout_ms);  // the exit status (as from waitpid), -1 on time-out
     void stop(int sig = 15);
-    std::string log() const;
+    std::string log() const { return read_file(log_path_); }
     bool wait_for_log(const std::string &text, int timeout_ms) const;
 
 private:
@@ -97,16 +87,14 @@ private:
     std::string log_path_;
 };
 
-// Runs a command to its end; returns its exit status and fills output (stdout+stderr).
+// Runs a command to its end; its exit status, and its output (stdout+stderr) when asked.
 int run(const std::vector<std::string> &argv, std::string *output = nullptr, int timeout_ms = 30000);
-
 // build/bin/webserver with these arguments. A device without a port file stores 80 at start
 // and the stored port wins, so the command line's port is stored unless the test stored one.
 Process start_server(const std::vector<std::string> &args);
 // devicesim on the routing file (and a scenario when given), serving when returned.
 Process start_sim(const std::string &scenario_json = "");
 
-// TCP on the test's private network.
 bool port_accepts(const std::string &host, int port);
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms = 5000);
 int free_port();
@@ -114,34 +102,26 @@ std::string local_url(int port, const std::string &path);
 
 struct HttpReply {
     long status = 0;  // 0 when the request failed at the transport
-    std::string body;
+    std::string body, error;
     std::map<std::string, std::string> headers;  // names in lower case
-    std::string error;
 };
 
 struct HttpRequest {
-    std::string method = "GET";
-    std::string url;  // sent as is, without normalisation
-    std::string body;
-    std::vector<std::string> headers;
-    // multipart upload of a file part: file path, file name, content type
-    std::string upload_path, upload_name, upload_type;
-    std::string body_file;  // body streamed from this file
+    std::string method = "GET", url{}, body{};  // the URL is sent as is, without normalisation
+    std::vector<std::string> headers{};
+    std::string upload_path{}, upload_name{}, upload_type{};  // a multipart upload's file part
+    std::string body_file{};                                  // a body streamed from this file
     long timeout_ms = 20000;
 };
 
 HttpReply http(const HttpRequest &req);
-HttpReply http_get(const std::string &url, const std::vector<std::string> &headers = {});
-HttpReply http_post(const std::string &url, const std::string &body);
-// Sends raw bytes on a new connection; everything received until the peer closes or
-// timeout_ms passes.
+// Sends raw bytes on a new connection; all received until the peer closes or timeout_ms passes.
 std::string raw_http(int port, const std::string &request, int timeout_ms = 5000);
 std::string status_line(const std::string &raw);
 
 // Temporary files of the web layer ("webs-*") and of the upgrade (".upgrade-*") in /tmp,
 // counted once the requests in flight have ended (a request ends just after its reply).
 int temp_files();
-
 long long now_ms();
 
 // The whole device: the demo tree (with this routing file when given), the simulator and
@@ -151,9 +131,7 @@ public:
     explicit Device(const std::string &scenario = "", const std::string &routes = "", int port = 8080);
     // POST body to /action/device/ACTION?QUERY (query without "?").
     HttpReply call(const std::string &action, const std::string &query = "", const std::string &body = "");
-    // Logs in as admin with the default digest; the session id ("" on failure).
-    std::string login(int timeout = 600);
-    int port() const { return port_; }
+    std::string login(int timeout = 600);  // as admin; the session id ("" on failure)
     Process &server() { return server_; }
     Process &sim() { return sim_; }
 

@@ -50,7 +50,7 @@ TEST_F(Gate, EveryRequestGetsExactlyOneReplyOfTheRightForm)
     }
     EXPECT_NE(std::string::npos, dev->server().log().find("actionName=GetOther\n"));
     // The action route with nothing behind it never reaches an action; "/action/device" names "device".
-    EXPECT_EQ(404, ts::http_get(ts::local_url(8080, "/action/")).status);
+    EXPECT_EQ(404, ts::http({.url = ts::local_url(8080, "/action/")}).status);
     EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(ts::raw_http(8080, "GET /action/device HTTP/1.1\r\nHost: x\r\n\r\n", 500)));
 }
 
@@ -122,7 +122,7 @@ TEST_F(Gate, HungAccountApplicationTimesOutTheLoginWhileDocumentsAreServed)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     long long page_start = ts::now_ms();
-    EXPECT_EQ(200, ts::http_get(ts::local_url(8080, "/")).status);
+    EXPECT_EQ(200, ts::http({.url = ts::local_url(8080, "/")}).status);
     EXPECT_LT(ts::now_ms() - page_start, 1000) << "the event loop must not wait for the exchange";
     browser.join();
     kill(dev->sim().pid(), SIGCONT);

@@ -86,8 +86,7 @@ TEST(WebPort, ChangeMovesTheServerAndTheStoredPortWinsAtStart)
     EXPECT_FALSE(ts::port_accepts("127.0.0.1", 8080));
     EXPECT_EQ("{\n\t\"Port\":\t8081\n}", ts::read_file(ts::kPortFile));
     // The session survives the move.
-    ts::HttpReply still = ts::http_post(ts::local_url(8081, "/action/device/detection_sessionid?" + query), "");
-    EXPECT_EQ(ts::plain_ok(), still.body);
+    EXPECT_EQ(ts::plain_ok(), ts::http({.method = "POST", .url = ts::local_url(8081, "/action/device/detection_sessionid?" + query)}).body);
     dev.server().stop();
 
     ts::Process server = ts::start_server({"8090", "lo"});

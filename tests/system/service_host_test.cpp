@@ -157,7 +157,7 @@ TEST_F(ServiceHost, MissingOrWronglySizedLanguageFileIsRecreatedAndAValidOneKept
     const std::string kept(reinterpret_cast<char *>(&record), sizeof record);
     ts::write_file(WEB_LANGUAGE_FILE, kept);
     start();
-    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html"), ts::http_get(ts::local_url(port, "/")).body);
+    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html"), ts::http({.url = ts::local_url(port, "/")}).body);
     EXPECT_EQ(kept, ts::read_file(WEB_LANGUAGE_FILE));
 }
 
@@ -170,7 +170,7 @@ TEST_F(ServiceHost, UnwritableLanguageFileGivesUpAfterBoundedTries)
     start();
     EXPECT_LT(ts::now_ms() - begin, 4000);
     EXPECT_NE(std::string::npos, out.text().find("going on with the default language in memory"));
-    EXPECT_EQ(200, ts::http_get(ts::local_url(port, "/")).status);
+    EXPECT_EQ(200, ts::http({.url = ts::local_url(port, "/")}).status);
 }
 
 } // namespace

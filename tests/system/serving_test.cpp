@@ -32,7 +32,7 @@ protected:
 
     static ts::HttpReply get(const std::string &path, const std::vector<std::string> &headers = {})
     {
-        return ts::http_get(ts::local_url(port, path), headers);
+        return ts::http({.url = ts::local_url(port, path), .headers = headers});
     }
     static std::string head_of_body(const std::string &method, const std::string &path, unsigned long long length)
     {
@@ -51,10 +51,7 @@ TEST_F(Serving, RootServesTheLoginPageHeadItsHeadersAndAnUnchangedPage304)
     EXPECT_EQ(page, r.body);
     EXPECT_EQ("text/html; charset=utf-8", r.headers["content-type"]);
     EXPECT_EQ("nosniff", r.headers["x-content-type-options"]);
-    ts::HttpRequest head;
-    head.method = "HEAD";
-    head.url = ts::local_url(port, "/login.html");
-    ts::HttpReply h = ts::http(head);
+    ts::HttpReply h = ts::http({.method = "HEAD", .url = ts::local_url(port, "/login.html")});
     EXPECT_EQ(200, h.status);
     EXPECT_EQ("", h.body);
     EXPECT_EQ(std::to_string(page.size()), h.headers["content-length"]);
@@ -153,12 +150,8 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
               ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/set_user_param", 268435457))));
 
     ts::write_file("/tmp/big.png", std::string(4 * 1024 * 1024 + 1, 'p'));
-    ts::HttpRequest req;
-    req.method = "POST";
-    req.url = ts::local_url(port, "/action/device/upload_Image?fileName=a.png");
-    req.upload_path = "/tmp/big.png";
-    req.upload_name = "a.png";
-    req.upload_type = "image/png";
+    ts::HttpRequest req{.method = "POST", .url = ts::local_url(port, "/action/device/upload_Image?fileName=a.png"),
+                        .upload_path = "/tmp/big.png", .upload_name = "a.png", .upload_type = "image/png"};
     EXPECT_EQ(413, ts::http(req).status);
     req.headers = {"Transfer-Encoding: chunked"};  // no length to check beforehand
     EXPECT_EQ(413, ts::http(req).status);
@@ -166,44 +159,38 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
 }
 
 // A connection that stays open while the test sends a body piece by piece.
-class Client {
-public:
-    explicit Client(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(0, connect(fd_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
-    }
-    // Bytes of data the server took before it closed the connection (all when it never did).
-    size_t send(const std::string &data)
-    {
-        size_t off = 0;
-        for (ssize_t n; off < data.size() && (n = ::send(fd_.get(), data.data() + off, data.size() - off, MSG_NOSIGNAL)) > 0;)
-            off += static_cast<size_t>(n);
-        return off;
-    }
+UniqueFd connection(int port)
+{
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port)), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    return fd;
+}
 
-private:
-    UniqueFd fd_;
-};
+// Bytes of data the server took before it closed the connection (all when it never did).
+size_t send_all(const UniqueFd &fd, const std::string &data)
+{
+    size_t off = 0;
+    for (ssize_t n; off < data.size() && (n = send(fd.get(), data.data() + off, data.size() - off, MSG_NOSIGNAL)) > 0;)
+        off += static_cast<size_t>(n);
+    return off;
+}
 
 TEST_F(Serving, BodiesNobodyUsesAreDroppedAndBodiesWaitingInFilesAreBoundedTogether)
 {
-    Client document(port);
-    document.send(head_of_body("GET", "/login.html", 1ull << 40));
+    UniqueFd document = connection(port);
+    send_all(document, head_of_body("GET", "/login.html", 1ull << 40));
     size_t taken = 0;
     std::string block(1 << 20, 'b');
     for (int i = 0; i < 64 && taken == block.size() * i; ++i)
-        taken += document.send(block);
+        taken += send_all(document, block);
     EXPECT_LT(taken, 48u << 20) << "the server kept reading a body nobody uses";
 
     // Bodies are taken in before any session is checked: one image of the largest size may
     // wait in /tmp, a second large body beside it is refused, before it is sent if it can be.
     const unsigned long long image = 200ull << 20;
-    auto first = std::make_unique<Client>(port);
-    first->send(head_of_body("POST", "/action/device/login", 256ull << 20) + std::string(1 << 20, 'i'));
+    UniqueFd first = connection(port);
+    send_all(first, head_of_body("POST", "/action/device/login", 256ull << 20) + std::string(1 << 20, 'i'));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ("HTTP/1.1 503 Service Unavailable",
               ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/StartUpgrade", image), 2000)));
@@ -213,7 +200,7 @@ TEST_F(Serving, BodiesNobodyUsesAreDroppedAndBodiesWaitingInFilesAreBoundedToget
         chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";
     EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(port, chunked + "0\r\n\r\n", 5000)));
     // Once the first client is gone, its room is free again: the next body is awaited.
-    first.reset();
+    first.reset();  // closes the connection
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ("", ts::raw_http(port, head_of_body("POST", "/action/device/StartUpgrade", image), 300));
     EXPECT_EQ(0, ts::temp_files());

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <set>
-#include <sys/stat.h>
 
 namespace {
 
@@ -71,13 +70,8 @@ protected:
     static ts::HttpReply upload(const std::string &query, const std::string &picture, const std::string &type)
     {
         ts::write_file("/tmp/picture", picture);
-        ts::HttpRequest req;
-        req.method = "POST";
-        req.url = ts::local_url(8080, "/action/device/upload_Image?" + query);
-        req.upload_path = "/tmp/picture";
-        req.upload_name = "picture";
-        req.upload_type = type;
-        return ts::http(req);
+        return ts::http({.method = "POST", .url = ts::local_url(8080, "/action/device/upload_Image?" + query),
+                         .upload_path = "/tmp/picture", .upload_name = "picture", .upload_type = type});
     }
 
     static inline std::unique_ptr<ts::Device> dev;
@@ -132,9 +126,7 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
     // A missing directory is made, for its owner only.
     ts::remove_tree(kWatermark);
     EXPECT_EQ(ok, upload("sessionid=" + sid + "&fileName=new.jpg", jpeg(), "image/jpeg").body);
-    struct stat st {};
-    EXPECT_EQ(0, stat(kWatermark.c_str(), &st));
-    EXPECT_EQ(0700u, st.st_mode & 07777);
+    EXPECT_EQ(0700u, static_cast<unsigned>(std::filesystem::status(kWatermark).permissions()));
     EXPECT_EQ(std::set<std::string>{"new.jpg"}, watermark_files());
 }
 
@@ -188,11 +180,8 @@ void write_image(const std::string &path, int mib)
 
 ts::HttpReply post_image(const std::string &query, const std::string &path)
 {
-    ts::HttpRequest req;
-    req.url = ts::local_url(8080, "/action/device/StartUpgrade" + (query.empty() ? "" : "?" + query));
-    req.body_file = path;
-    req.timeout_ms = 60000;
-    return ts::http(req);
+    return ts::http({.url = ts::local_url(8080, "/action/device/StartUpgrade" + (query.empty() ? "" : "?" + query)),
+                     .body_file = path, .timeout_ms = 60000});
 }
 
 long peak_memory_kib(pid_t pid)
@@ -221,9 +210,7 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndTheLastProgressI
         ts::HttpReply r = post_image(query, body);
         EXPECT_EQ(kFinalProgress, r.body) << body << r.error;
         EXPECT_EQ(0, ts::run({"/usr/bin/cmp", "-s", body, kImage})) << body;
-        struct stat st {};
-        EXPECT_EQ(0, stat(kImage, &st));
-        EXPECT_EQ(0600u, st.st_mode & 07777) << body;
+        EXPECT_EQ(0600u, static_cast<unsigned>(std::filesystem::status(kImage).permissions())) << body;
     }
     long peak_kib = peak_memory_kib(dev.server().pid());
     EXPECT_GT(peak_kib, 0);

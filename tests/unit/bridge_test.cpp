@@ -7,7 +7,6 @@
 #include "webserver/routing_table.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -40,23 +39,15 @@ bool table_is_empty()
     return memcmp(table, kZero, sizeof kZero) == 0;
 }
 
-std::string lines(int count, const std::string &before, const std::string &after)
-{
-    std::string text;
-    for (int i = 0; i < count; ++i)
-        text += before + std::to_string(i) + after + "\n";
-    return text;
-}
-
 // A reply message {"Command", "Response"} with its terminating zero, as applications send it.
 std::string msg(const std::string &command, const std::string &response)
 {
     return R"({"Command":")" + command + R"(","Response":)" + response + "}" + std::string(1, '\0');
 }
 
-std::string progress(int value)
+std::string progress(int value, const std::string &command = "StartUpgrade")
 {
-    return R"({"Result":"OK","Parameters":{"UpgradeProgressValue":)" + std::to_string(value) + "}}";
+    return msg(command, R"({"Result":"OK","Parameters":{"UpgradeProgressValue":)" + std::to_string(value) + "}}");
 }
 
 // A device application bound at url: the i-th request is answered with the messages of
@@ -70,19 +61,16 @@ public:
         nn_setsockopt(sock_, NN_SOL_SOCKET, NN_RCVTIMEO, &poll_ms, sizeof poll_ms);
         EXPECT_GE(nn_bind(sock_, url.c_str()), 0) << url << ": " << nn_strerror(nn_errno());
         thread_ = std::thread([this] {
-            for (size_t served = 0; !stop_;) {
-                char *buf = nullptr;
+            for (char *buf = nullptr; !stop_;) {
                 int got = nn_recv(sock_, &buf, NN_MSG, 0);
                 if (got < 0)
                     continue;
-                {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    requests_.emplace_back(buf, static_cast<size_t>(got));
-                }
+                std::lock_guard<std::mutex> lock(mutex_);
+                requests_.emplace_back(buf, static_cast<size_t>(got));
                 nn_freemsg(buf);
-                for (const std::string &reply : served < answers_.size() ? answers_[served] : std::vector<std::string>{})
+                for (const std::string &reply : requests_.size() <= answers_.size() ? answers_[requests_.size() - 1]
+                                                                                    : std::vector<std::string>{})
                     nn_send(sock_, reply.data(), reply.size(), 0);
-                ++served;
             }
         });
     }
@@ -112,10 +100,9 @@ private:
 int relay(const std::string &command, const std::string &payload, std::string *reply, std::string *reason = nullptr)
 {
     int sock = -1, index = -1;
-    char receiver[HTTP_RECEIVER_NAME_SIZE] = "", why[HTTP_REASON_SIZE] = "";
+    char receiver[HTTP_RECEIVER_NAME_SIZE] = "", why[HTTP_REASON_SIZE] = "", *out = nullptr;
     if (http_protocol_matching(command.c_str(), &sock, receiver, &index, payload.c_str()) != 1)
         return -1;
-    char *out = nullptr;
     int rc = http_send_and_recv_app_codec(command.c_str(), why, payload.c_str(), &out, sock, receiver);
     http_msg_socket_uninit(index);
     HeapText owned(out);
@@ -125,29 +112,16 @@ int relay(const std::string &command, const std::string &payload, std::string *r
     return rc;
 }
 
-TEST(RoutingTable, BlankCommentOnlyOrMissingFilesLeaveTheTableEmpty)
+TEST(RoutingTable, SpacingCrLfCommentsAndBlocksReadLikeTheCanonicalFile)
 {
     for (const char *text : {"", "# a b c\n#x y ipc://z\n", "ab\n\n\nx\n"}) {
         EXPECT_EQ(0, load(text)) << text;
         EXPECT_TRUE(table_is_empty()) << text;
     }
-    ASSERT_EQ(0, load("Get app ipc:///tmp/a.ipc\n"));
-    unlink(HTTP_COMMAND_FILE);
-    ts::Capture err(2);
-    EXPECT_EQ(-7, http_read_config_command());
-    EXPECT_TRUE(ts::has_error(err.text(), std::string(" open file[") + HTTP_COMMAND_FILE + "] failed!\n"));
-    EXPECT_TRUE(table_is_empty());
-}
-
-TEST(RoutingTable, SpacingCrLfCommentsAndExtraWordsReadLikeTheCanonicalFile)
-{
-    std::string err;
-    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\nSet app_a ipc:///tmp/a.ipc\nCap device_cap /c.json\n", &err));
+    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\nSet app_a ipc:///tmp/a.ipc\nCap device_cap /c.json\n"));
     EXPECT_STREQ("Set", table[0].command[1]);
-    EXPECT_STREQ("", table[0].cap_path[1]);
     EXPECT_STREQ("/c.json", table[1].cap_path[0]);
     EXPECT_STREQ("", table[1].ipc_url);
-    EXPECT_TRUE(ts::has_error(err, "###start  Set app_a ipc:///tmp/a.ipc \n", "http_read_config_command"));
     http_protocol_receiver expected[HTTP_PROTOCOL_MAX];
     memcpy(expected, table, sizeof expected);
     for (const char *variant : {"Get   app_a  ipc:///tmp/a.ipc\n   Set app_a ipc:///tmp/a.ipc   \nCap device_cap /c.json",
@@ -161,15 +135,24 @@ TEST(RoutingTable, SpacingCrLfCommentsAndExtraWordsReadLikeTheCanonicalFile)
     EXPECT_STREQ("Get\tStatus", table[0].command[0]);
     EXPECT_STREQ("#Set", table[0].command[1]);
     // Blocks A B A give three entries, and the last address of a block wins.
-    ASSERT_EQ(0, load("One app_a ipc:///tmp/a1.ipc\nTwo app_a ipc:///tmp/a2.ipc\n"
-                      "Three app_b ipc:///tmp/b.ipc\nFour app_a ipc:///tmp/a3.ipc\n"));
-    EXPECT_STREQ("ipc:///tmp/a2.ipc", table[0].ipc_url);
+    ASSERT_EQ(0, load("One app_a ipc:///a1\nTwo app_a ipc:///a2\nThree app_b ipc:///b\nFour app_a ipc:///a3\n"));
+    EXPECT_STREQ("ipc:///a2", table[0].ipc_url);
     EXPECT_STREQ("app_b", table[1].receiver_name);
     EXPECT_STREQ("Four", table[2].command[0]);
+    unlink(HTTP_COMMAND_FILE);
+    ts::Capture quiet(2);
+    EXPECT_EQ(-7, http_read_config_command());
+    EXPECT_TRUE(table_is_empty());
 }
 
 TEST(RoutingTable, OneReceiverOrCommandTooManyOrAnOverlongWordRefusesTheWholeFile)
 {
+    auto lines = [](int count, const std::string &before, const std::string &after) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += before + std::to_string(i) + after + "\n";
+        return text;
+    };
     std::string err;
     EXPECT_EQ(0, load(lines(16, "Cmd app_", " ipc:///tmp/x.ipc")));
     EXPECT_STREQ("app_15", table[15].receiver_name);
@@ -178,9 +161,7 @@ TEST(RoutingTable, OneReceiverOrCommandTooManyOrAnOverlongWordRefusesTheWholeFil
     EXPECT_TRUE(table_is_empty()) << "a refused file leaves no half table behind";
     EXPECT_EQ(0, load(lines(64, "Cmd", " app /c")));
     EXPECT_STREQ("/c", table[0].cap_path[63]);
-    EXPECT_EQ(-1, load(lines(65, "Cmd", " app /c"), &err));
-    EXPECT_TRUE(ts::has_error(err, "max protocol num 64 \n"));
-
+    EXPECT_EQ(-1, load(lines(65, "Cmd", " app /c")));
     const std::string ok = "Get app ipc:///tmp/a.ipc\n";
     const std::pair<std::string, int> words[] = {
         {std::string(63, 'c') + " app ipc:///x", 0},  {std::string(64, 'c') + " app ipc:///x", -1},
@@ -202,11 +183,8 @@ TEST(DeviceMessage, RequestListsItsMembersInOrderAndCarriesOnlyAJsonPayload)
     };
     long before = time(nullptr);
     std::string text = request(R"({"a": [1, "x"]})");
-    long after = time(nullptr);
-    size_t at = text.find("\"Timestamp\":\t");
-    ASSERT_NE(std::string::npos, at) << text;
-    long stamp = std::stol(text.substr(at + 13));
-    EXPECT_TRUE(stamp >= before && stamp <= after) << stamp;
+    long stamp = std::stol(text.substr(text.find("\"Timestamp\":\t") + 13));
+    EXPECT_TRUE(stamp >= before && stamp <= time(nullptr)) << stamp;
     EXPECT_EQ("{\n\t\"Command\":\t\"GetStatus\",\n\t\"Sender\":\t\"web_server\",\n\t\"Receiver\":\t\"app_a\",\n"
               "\t\"Timestamp\":\t" + std::to_string(stamp) + ",\n\t\"Parameters\":\t{\n\t\t\"a\":\t[1, \"x\"]\n\t}\n}",
               text);
@@ -217,26 +195,25 @@ TEST(DeviceMessage, RequestListsItsMembersInOrderAndCarriesOnlyAJsonPayload)
 
 TEST(MsgExchange, RepliesAreCheckedInOrderAndFaultsGiveTheirCodes)
 {
-    const std::string kBadFormat = "The server returned an incorrect format parameter", kFailed = "Failed to request server";
+    const std::string bad_format = "The server returned an incorrect format parameter", failed = "Failed to request server";
     const struct {
         std::string reply;
         int code;
         std::string reason_or_answer;  // the reason of a fault, the answer of an accepted reply
-        std::string line;
     } cases[] = {
-        {"not json", 508, kBadFormat, "http recv format fail! :" + kBadFormat},
-        {R"({"Response":{}})", 550, kFailed, "http recv command fail! :" + kFailed},
-        {msg("", "{}"), 550, kFailed, "http recv command fail! :" + kFailed},
-        {R"({"Command":7,"Response":{}})", 550, kFailed, "http recv command fail! :" + kFailed},
-        {R"({"command":"GetStatus","Response":{}})", 550, kFailed, "http recv command fail! :" + kFailed},
-        {msg("getstatus", "{}"), 550, kFailed, "http recv command strcmp fail getstatus\n"},
-        {msg("GetStatus", "\"OK\""), 508, kBadFormat, "http recv format fail!! :" + kBadFormat},
-        {msg("GetStatus", "[]"), 508, kBadFormat, "http recv format fail!! :" + kBadFormat},
-        {R"({"Command":"GetStatus"})", 508, kBadFormat, "http recv format fail!! :" + kBadFormat},
-        {R"({"Command":"GetStatus","response":{}})", 0, "{\n}", "http recv buf="},
+        {"not json", 508, bad_format},
+        {R"({"Response":{}})", 550, failed},
+        {msg("", "{}"), 550, failed},
+        {R"({"Command":7,"Response":{}})", 550, failed},
+        {R"({"command":"GetStatus","Response":{}})", 550, failed},
+        {msg("getstatus", "{}"), 550, failed},
+        {msg("GetStatus", "\"OK\""), 508, bad_format},
+        {msg("GetStatus", "[]"), 508, bad_format},
+        {R"({"Command":"GetStatus"})", 508, bad_format},
+        {R"({"Command":"GetStatus","response":{}})", 0, "{\n}"},
         // The zero byte is not needed, and ends the text when present.
-        {R"({"Command":"GetStatus","Response":{"a":1}})", 0, "{\n\t\"a\":\t1\n}", "http recv buf="},
-        {msg("GetStatus", "{}") + "garbage", 0, "{\n}", "http recv buf="},
+        {R"({"Command":"GetStatus","Response":{"a":1}})", 0, "{\n\t\"a\":\t1\n}"},
+        {msg("GetStatus", "{}") + "garbage", 0, "{\n}"},
     };
     ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\n"));
     std::vector<std::vector<std::string>> answers;
@@ -248,9 +225,7 @@ TEST(MsgExchange, RepliesAreCheckedInOrderAndFaultsGiveTheirCodes)
         ts::Capture err(2);
         EXPECT_EQ(c.code, relay("GetStatus", "{}", &reply, &reason)) << c.reply;
         EXPECT_EQ(c.reason_or_answer, c.code ? reason : reply) << c.reply;
-        std::string lines = err.text();
-        EXPECT_TRUE(has(lines, ">: " + c.line)) << c.reply << "\n" << lines;
-        EXPECT_EQ(c.code != 0, has(lines, "http send recv fail des=" + std::to_string(c.code) + "\n"));
+        EXPECT_EQ(c.code != 0, has(err.text(), "http send recv fail des=" + std::to_string(c.code) + "\n"));
     }
 }
 
@@ -258,7 +233,7 @@ TEST(MsgExchange, TimeOutDependsOnTheCommandAndTheUpgradeSocket)
 {
     http_msg_upgrade_fd = 7;
     const std::tuple<const char *, int, int> cases[] = {
-        {"StartUpgrade", 7, 180000},          {"StartUpgrade", 8, 3000},   {"GetScanWIFIHotspot", 8, 180000},
+        {"StartUpgrade", 7, 180000},           {"StartUpgrade", 8, 3000},             {"GetScanWIFIHotspot", 8, 180000},
         {"GetNetworkWIFIParameters", 8, 5000}, {"SetNetworkWIFIParameters", 7, 5000}, {"VerifyPassword", 7, 3000},
         {"getscanwifihotspot", 8, 3000},
     };
@@ -273,17 +248,13 @@ TEST(MsgExchange, SilentApplicationAndMissingApplicationBothTimeOutAfterThreeSec
     // Nothing listens at b.ipc: the connection is made in the background and only the
     // exchange fails. Both exchanges run at once to wait the time-out only once.
     ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus2 app_b ipc:///tmp/b.ipc\n"));
+    std::string reply, ignored, reason;
     int missing = -7;
     long long start = ts::now_ms();
-    std::thread other([&] {
-        std::string ignored;
-        missing = relay("GetStatus2", "{}", &ignored);
-    });
-    std::string reply, reason;
-    int silent = relay("GetStatus", "{}", &reply, &reason);
+    std::thread other([&] { missing = relay("GetStatus2", "{}", &ignored); });
+    EXPECT_EQ(504, relay("GetStatus", "{}", &reply, &reason));
     other.join();
     long long elapsed = ts::now_ms() - start;
-    EXPECT_EQ(504, silent);
     EXPECT_EQ(504, missing);
     EXPECT_EQ("Connection service timed out", reason);
     EXPECT_TRUE(elapsed >= 2900 && elapsed < 4500) << elapsed;
@@ -299,9 +270,6 @@ TEST(MsgExchange, CommandListedForTwoReceiversReachesBothAndTheSecondAnswers)
     ts::Capture err(2);
     EXPECT_EQ(0, relay("GetStatus", R"({"To":"all"})", &reply));
     EXPECT_EQ("{\n\t\"Result\":\t\"OK\",\n\t\"Parameters\":\t{\n\t\t\"Speed\":\t1.5\n\t}\n}", reply);
-    std::string lines = err.text();
-    EXPECT_TRUE(has(lines, ">: http_protocol_matching  sum=1\n"));
-    EXPECT_TRUE(has(lines, ">: msg sand：name=GetStatus receiver_name=app_a des=\n")) << lines;
     ASSERT_EQ(1u, a.requests().size());
     EXPECT_TRUE(has(a.requests()[0], "\"Receiver\":\t\"app_a\"") && has(a.requests()[0], "\"To\":\t\"all\""));
     EXPECT_EQ('\0', b.requests().at(0).back()) << "the terminating zero travels with the request";
@@ -313,17 +281,12 @@ TEST(MsgExchange, CommandListedForTwoReceiversReachesBothAndTheSecondAnswers)
 TEST(MsgExchange, UpgradeProgressIsFollowedOnlyOnTheUpgradeApplicationsSocket)
 {
     ASSERT_EQ(0, load("StartUpgrade app_update ipc:///tmp/up.ipc\nStartUpgrade2 app_other ipc:///tmp/o.ipc\n"));
-    Peer update("ipc:///tmp/up.ipc", NN_PAIR,
-                {{msg("StartUpgrade", progress(40)), msg("StartUpgrade", progress(-5)), msg("StartUpgrade", progress(100))}});
-    Peer other("ipc:///tmp/o.ipc", NN_REP, {{msg("StartUpgrade2", progress(40))}});
+    Peer update("ipc:///tmp/up.ipc", NN_PAIR, {{progress(40), progress(-5), progress(100)}});
+    Peer other("ipc:///tmp/o.ipc", NN_REP, {{progress(40, "StartUpgrade2")}});
     std::string reply;
-    ts::Capture out(1), err(2);
+    ts::Capture out(1), err(2);  // every progress reply is traced
     EXPECT_EQ(0, relay("StartUpgrade", "{}", &reply));
     EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t100")) << reply;
-    EXPECT_TRUE(has(err.text(), ">: http_msg_upgrade_fd timeo=180000\n"));
-    std::string trace = out.text();
-    for (int value : {40, -5, 100})
-        EXPECT_TRUE(has(trace, ">: http recv ProgressValue->valueint " + std::to_string(value) + "\n")) << value;
     EXPECT_EQ(0, relay("StartUpgrade2", "{}", &reply));
     EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t40")) << "another application ends at once";
 }
@@ -343,61 +306,7 @@ TEST(MsgExchange, OnlyRoutesWithAnIpcAddressAreRelayedAndCapabilitiesNever)
         EXPECT_EQ(-1, relay(command, "{}", &reply)) << command;
     EXPECT_EQ(0, table[0].msg_fd) << "no socket was ever opened";
     EXPECT_EQ(-1, table[1].msg_fd);
-    std::string lines = err.text();
-    EXPECT_TRUE(has(lines, ">: NoAddress: receiver app_a has no ipc address \n"));
-    EXPECT_TRUE(has(lines, ">: nn_connect(ipcx) fail: Invalid argument\n"));
-    EXPECT_TRUE(has(lines, ">: http_protocol_matching  sum=-1\n"));
-}
-
-// The simulator answers the password check from the account file (the default admin when
-// it is missing or wrongly sized), survives bad input and stops without leaks.
-TEST(DeviceSim, ChecksPasswordsSurvivesBadInputAndStopsCleanly)
-{
-    ts::reset_device_tree();
-    ASSERT_EQ(0, load(ts::read_file(ts::source_path("demo/web_root/config/command_para"))));
-    ts::write_file("/tmp/keep.ipc", "not ours");
-    ts::Process sim = ts::start_sim(R"({"GetVideoEncodeParameters": {"Response": {"Result": "OK"}, "delay_ms": 300}})");
-    auto valid = [](const std::string &user, const std::string &digest) {
-        std::string reply;
-        relay("VerifyPassword", R"({"UserName":")" + user + R"(","Password":")" + digest + R"(","MD5Password":1})", &reply);
-        return has(reply, "\"PassValidation\":\t1");
-    };
-    EXPECT_TRUE(valid("admin", ts::kAdminDigest));
-    EXPECT_FALSE(valid("admin", "tavel")) << "the digest text is compared, not the password";
-    const std::string accounts = ts::account_image({{"", ""}, {"", ""}, {"operator", std::string(32, 'a')}});
-    ts::write_file(ts::kAccountFile, accounts);
-    EXPECT_TRUE(valid("operator", std::string(32, 'a')));
-    EXPECT_FALSE(valid("operator", std::string(32, 'A')));
-    EXPECT_FALSE(valid("admin", ts::kAdminDigest));
-    ts::write_file(ts::kAccountFile, accounts.substr(1));
-    EXPECT_TRUE(valid("admin", ts::kAdminDigest));
-
-    long long start = ts::now_ms();
-    std::string reply;
-    EXPECT_EQ(0, relay("GetVideoEncodeParameters", "{}", &reply));
-    EXPECT_GE(ts::now_ms() - start, 300);
-    EXPECT_TRUE(has(sim.log(), "devicesim: app_media Response to GetVideoEncodeParameters:\n" + reply + "\n"));
-
-    int sock = nn_socket(AF_SP, NN_REQ);
-    ASSERT_GE(nn_connect(sock, "ipc:///tmp/app_user.ipc"), 0);
-    nn_send(sock, "\x01garbage\n", 9, 0);
-    char *buf = nullptr;
-    int got = nn_recv(sock, &buf, NN_MSG, 0);
-    ASSERT_GT(got, 0);
-    EXPECT_TRUE(has(std::string(buf, got), R"("Command":"","Response":{"Result":"Fail")"));
-    nn_freemsg(buf);
-    nn_close(sock);
-    EXPECT_TRUE(valid("admin", ts::kAdminDigest)) << "still serving";
-    EXPECT_TRUE(has(sim.log(), "devicesim: app_user request: \\x01garbage\\x0a\n")) << sim.log();
-    kill(sim.pid(), SIGTERM);
-    EXPECT_EQ(0, sim.wait(3000)) << "under the sanitizers a leak makes the exit status non-zero";
-    EXPECT_FALSE(ts::exists("/tmp/app_user.ipc"));
-    EXPECT_EQ("not ours", ts::read_file("/tmp/keep.ipc"));
-
-    std::string out;
-    ts::write_file("/tmp/bad.json", R"({"VerifyPassword": {"delay_ms": "soon"}})");
-    EXPECT_NE(0, ts::run({ts::bin_path("devicesim"), HTTP_COMMAND_FILE, "/tmp/bad.json"}, &out));
-    EXPECT_TRUE(has(out, "command VerifyPassword: bad or unknown member delay_ms")) << out;
+    EXPECT_TRUE(has(err.text(), ">: nn_connect(ipcx) fail: Invalid argument\n"));
 }
 
 } // namespace

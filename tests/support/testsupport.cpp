@@ -47,7 +47,6 @@ bool connect_to(int fd, const std::string &host, int port)
 } // namespace
 
 std::string bin_path(const std::string &name) { return std::string(WEB_BIN_DIR) + "/" + name; }
-std::string source_path(const std::string &relative) { return std::string(WEB_SOURCE_DIR) + "/" + relative; }
 
 void write_file(const std::string &path, const std::string &content, mode_t mode)
 {
@@ -63,17 +62,7 @@ std::string read_file(const std::string &path)
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-long file_size(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
-}
+bool exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
 
 void make_dirs(const std::string &path, mode_t mode)
 {
@@ -84,8 +73,7 @@ void make_dirs(const std::string &path, mode_t mode)
 void make_file(const std::string &path, unsigned long long size)
 {
     write_file(path, "");
-    if (truncate(path.c_str(), static_cast<off_t>(size)) != 0)
-        throw std::runtime_error("cannot size " + path);
+    fs::resize_file(path, size);
 }
 
 void remove_tree(const std::string &path)
@@ -112,20 +100,10 @@ void lay_out_demo_tree()
     reset_device_tree();
     make_dirs("/mnt/app");
     make_dirs("/mnt/usr/config");
-    fs::copy(source_path("demo/web_root"), "/mnt/app/web_root", fs::copy_options::recursive);
-    fs::copy(source_path("demo/usr/config/app_parameters"), "/mnt/usr/config/app_parameters",
+    fs::copy(WEB_SOURCE_DIR "/demo/web_root", "/mnt/app/web_root", fs::copy_options::recursive);
+    fs::copy(WEB_SOURCE_DIR "/demo/usr/config/app_parameters", "/mnt/usr/config/app_parameters",
              fs::copy_options::recursive);
     fs::remove(kPortFile);
-}
-
-std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts)
-{
-    std::string img(2048, '\0');
-    for (size_t i = 0; i < accounts.size(); ++i) {
-        img.replace(128 * i, accounts[i].first.size(), accounts[i].first);
-        img.replace(128 * i + 64, accounts[i].second.size(), accounts[i].second);
-    }
-    return img;
 }
 
 size_t occurrences(const std::string &text, const std::string &part)
@@ -357,7 +335,7 @@ HttpReply http(const HttpRequest &req)
         body_file.reset(fopen(req.body_file.c_str(), "rb"));
         curl_easy_setopt(c.get(), CURLOPT_POST, 1L);
         curl_easy_setopt(c.get(), CURLOPT_READDATA, body_file.get());
-        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(file_size(req.body_file)));
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(fs::file_size(req.body_file)));
         add_header("Expect:");
     } else if (req.method == "POST") {
         curl_easy_setopt(c.get(), CURLOPT_POSTFIELDS, req.body.c_str());
@@ -436,7 +414,8 @@ Device::Device(const std::string &scenario, const std::string &routes, int port)
 
 HttpReply Device::call(const std::string &action, const std::string &query, const std::string &body)
 {
-    return http({.method = "POST", .url = local_url(port_, "/action/device/" + action + (query.empty() ? "" : "?" + query)),
+    return http({.method = "POST",
+                 .url = local_url(port_, "/action/device/" + action + (query.empty() ? "" : "?" + query)),
                  .body = body});
 }
 

@@ -14,13 +14,10 @@ constexpr char kPortFile[] = "/mnt/usr/config/app_parameters/WebServerParameter.
 constexpr char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
 constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";  // of the default password "tavel"
 
-std::string bin_path(const std::string &name);        // a binary of this build
-std::string source_path(const std::string &relative);  // a file of this source tree
-
+std::string bin_path(const std::string &name);  // a binary of this build
 void write_file(const std::string &path, const std::string &content, mode_t mode = 0644);
 std::string read_file(const std::string &path);
-bool exists(const std::string &path);  // the link itself counts
-long file_size(const std::string &path);
+bool exists(const std::string &path);  // a dangling link counts
 void make_dirs(const std::string &path, mode_t mode = 0755);
 void make_file(const std::string &path, unsigned long long size);  // sparse
 void remove_tree(const std::string &path);
@@ -28,8 +25,6 @@ void remove_tree(const std::string &path);
 void reset_device_tree();
 // Empties the device tree and lays out the demo's, without a stored port.
 void lay_out_demo_tree();
-// The 2048-byte account file holding these {name, digest} accounts from slot 0 on.
-std::string account_image(const std::vector<std::pair<std::string, std::string>> &accounts);
 size_t occurrences(const std::string &text, const std::string &part);
 
 // Captures what the calling process writes to stdout or stderr (at the fd level).
@@ -100,12 +95,6 @@ bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms 
 int free_port();
 std::string local_url(int port, const std::string &path);
 
-struct HttpReply {
-    long status = 0;  // 0 when the request failed at the transport
-    std::string body, error;
-    std::map<std::string, std::string> headers;  // names in lower case
-};
-
 struct HttpRequest {
     std::string method = "GET", url{}, body{};  // the URL is sent as is, without normalisation
     std::vector<std::string> headers{};
@@ -113,7 +102,11 @@ struct HttpRequest {
     std::string body_file{};                                  // a body streamed from this file
     long timeout_ms = 20000;
 };
-
+struct HttpReply {
+    long status = 0;  // 0 when the request failed at the transport
+    std::string body, error;
+    std::map<std::string, std::string> headers;  // names in lower case
+};
 HttpReply http(const HttpRequest &req);
 // Sends raw bytes on a new connection; all received until the peer closes or timeout_ms passes.
 std::string raw_http(int port, const std::string &request, int timeout_ms = 5000);

@@ -81,9 +81,9 @@ TEST_F(Serving, ByteRangesOfARecordingAndNearTheEndOfAFileOver4GiB)
         {"bytes=-99999", 206, "bytes 0-2047/2048", whole},
         {"bytes=2048-", 416, "bytes */2048", ""},
         {"bytes=-0", 416, "bytes */2048", ""},
-        {"bytes=0-1,5-6", 200, "", whole},  // several ranges: the whole file
-        {"bytes=9-3", 200, "", whole},      // unreadable: the whole file
-        {"items=0-3", 200, "", whole},
+        {"bytes=0-1,5-6", 200, "", whole},
+        {"bytes=9-3", 200, "", whole},
+        {"items=0-3", 200, "", whole},  // the whole file
     };
     for (const auto &c : cases) {
         ts::HttpReply r = get(path, {std::string("Range: ") + c.range});
@@ -103,17 +103,13 @@ TEST_F(Serving, ByteRangesOfARecordingAndNearTheEndOfAFileOver4GiB)
 
 TEST_F(Serving, ContentTypeFollowsTheExtension)
 {
-    const std::pair<const char *, const char *> types[] = {
-        {"htm", "text/html; charset=utf-8"}, {"js", "application/javascript"}, {"css", "text/css"},
-        {"json", "application/json"},        {"txt", "text/plain; charset=utf-8"}, {"JPEG", "image/jpeg"},
-        {"png", "image/png"},  {"bmp", "image/bmp"}, {"gif", "image/gif"}, {"svg", "image/svg+xml"},
-        {"ico", "image/x-icon"}, {"mp4", "video/mp4"}, {"avi", "video/x-msvideo"}, {"h265", "video/h265"},
-        {"bin", "application/octet-stream"}, {"", "application/octet-stream"},
-    };
-    for (auto &[ext, type] : types) {
-        std::string name = *ext ? std::string("/types/file.") + ext : "/types/noext";
-        ts::write_file("/mnt/app/web_root" + name, "x");
-        EXPECT_EQ(type, get(name).headers["content-type"]) << name;
+    for (auto [name, type] : {std::pair{"a.js", "application/javascript"},
+                              {"a.css", "text/css"},
+                              {"a.JPEG", "image/jpeg"},
+                              {"a.h265", "video/h265"},
+                              {"noext", "application/octet-stream"}}) {
+        ts::write_file(std::string("/mnt/app/web_root/types/") + name, "x");
+        EXPECT_EQ(type, get(std::string("/types/") + name).headers["content-type"]) << name;
     }
 }
 
@@ -145,7 +141,8 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
     EXPECT_EQ(414, get(target + "a").status);
     EXPECT_EQ(414, get(target + std::string(100000, 'a')).status);  // refused by the HTTP engine itself
     EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large",
-              ts::status_line(ts::raw_http(port, "GET / HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n")));
+              ts::status_line(
+                  ts::raw_http(port, "GET / HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n")));
     EXPECT_EQ("HTTP/1.1 413 Content Too Large",
               ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/set_user_param", 268435457))));
 
@@ -162,7 +159,10 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
 UniqueFd connection(int port)
 {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port)), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    sockaddr_in addr{.sin_family = AF_INET,
+                     .sin_port = htons(static_cast<uint16_t>(port)),
+                     .sin_addr = {htonl(INADDR_LOOPBACK)},
+                     .sin_zero = {}};
     EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
     return fd;
 }

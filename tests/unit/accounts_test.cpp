@@ -1,18 +1,112 @@
-// The account store, the account actions and the local password check, on account files
-// built byte by byte.
+// Sessions and accounts in-process: the session table, the MD5 digest, the account store,
+// the account actions and the login parsers. Logout and the password check are proven
+// through the server too (the gate and watermark tests).
 #include "actions/password_check.h"
 #include "actions/user_actions.h"
-#include "common/owners.h"
 #include "json2c/json_fields.h"
+#include "json2c/login_json.h"
+#include "md5/md5.h"
+#include "session/session.h"
 #include "testsupport.h"
 #include "usermanagement/usermgnt.h"
 
-#include <cjson/cJSON.h>
+#include <chrono>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/mount.h>
-#include <sys/stat.h>
+#include <thread>
 
 namespace {
+
+std::string login(const std::string &user, int timeout)
+{
+    char *id = nullptr;
+    EXPECT_EQ(0, add_new_session(user.c_str(), timeout, &id));
+    return id ? std::string(id) : std::string();
+}
+
+int slot(const std::string &id, const char *access = "get") { return find_saved_session(id.c_str(), access); }
+
+// 36 characters: lower-case hexadecimal digits in groups of 8-4-4-4-12, all distinct.
+TEST(SessionTable, IdsAreDistinctLowerCaseHexInGroupsAndTimeOutsBelowOneAreRefused)
+{
+    memset(user_sessions, 0, sizeof user_sessions);
+    std::set<std::string> seen;
+    for (int i = 0; i < 10000; ++i) {
+        std::string id = login("admin", 60);
+        ASSERT_EQ(36u, id.size()) << id;
+        for (size_t k = 0; k < id.size(); ++k) {
+            bool dash = k == 8 || k == 13 || k == 18 || k == 23;
+            ASSERT_TRUE(dash ? id[k] == '-' : isdigit(id[k]) || (id[k] >= 'a' && id[k] <= 'f')) << id;
+        }
+        seen.insert(id);
+    }
+    EXPECT_EQ(10000u, seen.size());
+    char *id = nullptr;
+    EXPECT_EQ(-1, add_new_session("admin", 0, &id));
+    EXPECT_EQ(-1, add_new_session(nullptr, 60, &id));
+    EXPECT_EQ(-1, slot(""));
+}
+
+// Time-outs count whole seconds of the monotonic clock: a session idle for more than its
+// time-out is gone, whether a lookup or the sweep at the next login finds it first.
+TEST(SessionTable, ExpiryRefreshSweepAndSlotReuseFollowTheMonotonicClock)
+{
+    memset(user_sessions, 0, sizeof user_sessions);
+    std::string keep = login("keep", 1000), shortlived = login("short", 1), refreshed = login("set", 2),
+                probed = login("get", 2), unseen = login("unseen", 1);
+    EXPECT_EQ(1, slot(shortlived));  // live right after creation
+    std::this_thread::sleep_for(std::chrono::milliseconds(1600));
+    EXPECT_EQ(2, slot(refreshed, "set"));
+    EXPECT_EQ(3, slot(probed, "get"));
+    EXPECT_EQ(3, slot(probed, "GetWebServerParameter"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1600));
+    // The login's sweep frees slots 1, 3 and 4, nobody having looked them up; the lowest is taken first.
+    EXPECT_EQ(1, slot(login("next", 60)));
+    EXPECT_EQ(3, slot(login("after", 60)));
+    EXPECT_EQ(4, slot(login("last", 60)));
+    EXPECT_EQ(-1, slot(shortlived));
+    EXPECT_EQ(-1, slot(probed));
+    EXPECT_EQ(-1, slot(unseen));
+    EXPECT_EQ(2, slot(refreshed));
+    EXPECT_EQ(0, slot(keep));
+}
+
+TEST(SessionTable, SixtyFifthLoginTakesSlotZeroAndNamesAreCut)
+{
+    memset(user_sessions, 0, sizeof user_sessions);
+    std::string first = login("u0", 1000);
+    for (int i = 1; i < kMaxSessions; ++i)
+        login("u" + std::to_string(i), 1000);
+    EXPECT_EQ(0, slot(login(std::string(40, 'u'), 1000)));
+    EXPECT_EQ(-1, slot(first));
+    EXPECT_EQ(std::string(31, 'u'), user_sessions[0].user_name);
+}
+
+// The RFC 1321 suite, then lengths around the padding boundary (55 bytes fit one block with
+// the length field, 56 need a second) and a whole block.
+TEST(Md5, MatchesKnownDigests)
+{
+    const std::pair<std::string, const char *> cases[] = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"}, {"a", "0cc175b9c0f1b6a831c399e269772661"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"}, {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", "d174ab98d277d9f5a5611c2c9f419d9f"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+        {std::string(55, 'a'), "ef1772b6dff9a122358552954ad0df65"},
+        {std::string(56, 'a'), "3b0c8ac703f828b04c6c197006d17218"},
+        {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"},
+    };
+    for (const auto &[message, digest] : cases) {
+        unsigned char sum[MD5_DIGEST_SIZE];
+        char text[64];
+        MD5Buffer(message.data(), static_cast<uint32_t>(message.size()), sum);
+        md5_sig_to_string(sum, text, sizeof text);
+        EXPECT_STREQ(digest, text) << message.size() << " bytes: " << message;
+    }
+}
 
 using Accounts = std::vector<std::pair<std::string, std::string>>;
 
@@ -22,6 +116,17 @@ const std::string kTavel = ts::kAdminDigest, kBob = "0123456789abcdef0123456789a
 const Accounts kAdmin = {{"admin", kTavel}};
 const Accounts kFour = {{"admin", kTavel}, {"a", kBob}, {"b", kNew}, {"c", kBob}};
 
+// The 2048-byte account file holding these {name, digest} accounts from slot 0 on.
+std::string image(const Accounts &accounts)
+{
+    std::string img(2048, '\0');
+    for (size_t i = 0; i < accounts.size(); ++i) {
+        img.replace(128 * i, accounts[i].first.size(), accounts[i].first);
+        img.replace(128 * i + 64, accounts[i].second.size(), accounts[i].second);
+    }
+    return img;
+}
+
 Accounts full_table()
 {
     Accounts full;
@@ -30,30 +135,13 @@ Accounts full_table()
     return full;
 }
 
-ino_t inode_of(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
-}
-
-// The configuration directory read-only (a read-only bind mount over itself) while it lives.
-class ReadOnlyDir {
-public:
-    ReadOnlyDir()
-    {
-        EXPECT_EQ(0, mount(kDir.c_str(), kDir.c_str(), nullptr, MS_BIND, nullptr));
-        EXPECT_EQ(0, mount(nullptr, kDir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
-    }
-    ~ReadOnlyDir() { umount2(kDir.c_str(), MNT_DETACH); }
-};
-
 // The "get_user_param" reply listing these accounts.
 std::string list_reply(const Accounts &list)
 {
     std::string raw;
     for (const auto &[name, digest] : list)
-        raw += (raw.empty() ? "[" : ", ") + std::string("{\n\t\t\"user_name\":\t\"") + name + "\",\n\t\t\"password\":\t\"" +
-               digest + "\"\n\t}";
+        raw += (raw.empty() ? "[" : ", ") + std::string("{\n\t\t\"user_name\":\t\"") + name +
+               "\",\n\t\t\"password\":\t\"" + digest + "\"\n\t}";
     return ts::params("Successfully to get params", raw + "]");
 }
 
@@ -97,24 +185,16 @@ TEST_F(AccountStore, MissingOrWrongSizedFileIsReplacedByTheOneAccountDefault)
         memset(&config, 0x55, sizeof config);
         ts::Capture err(2);
         EXPECT_EQ(0, HTTP_Get_UsermgntConfig(&config)) << size;
-        EXPECT_TRUE(ts::has_error(err.text(), "DEVSDK_Get_CfgFile: USERMGNT_PARA_FILE failed!\n"));
-        EXPECT_EQ(ts::account_image(kAdmin), std::string(reinterpret_cast<char *>(&config), sizeof config));
-        EXPECT_EQ(ts::account_image(kAdmin), ts::read_file(ts::kAccountFile));
+        EXPECT_EQ(image(kAdmin), std::string(reinterpret_cast<char *>(&config), sizeof config));
+        EXPECT_EQ(image(kAdmin), ts::read_file(ts::kAccountFile));
     }
-    EXPECT_EQ(-1, HTTP_Get_UsermgntConfig(nullptr));
-    EXPECT_EQ(-1, HTTP_Set_UsermgntConfig(USERMGNT_ADD, nullptr));
 }
 
 TEST_F(AccountStore, UpdatesKeepTheUsedSlotsOneRunFromSlotZero)
 {
     Accounts full_less_last = full_table();
     full_less_last.pop_back();
-    const struct {
-        Accounts before;
-        int operation;
-        std::string name, password;
-        Accounts after;
-    } cases[] = {
+    const std::tuple<Accounts, int, std::string, std::string, Accounts> cases[] = {
         {kAdmin, USERMGNT_ADD, "bob", kBob, {kAdmin[0], {"bob", kBob}}},
         {kFour, USERMGNT_DELETE, "b", kNew, {kFour[0], kFour[1], kFour[3]}},  // later ones move up
         {full_table(), USERMGNT_DELETE, "user15", kBob, full_less_last},
@@ -122,66 +202,49 @@ TEST_F(AccountStore, UpdatesKeepTheUsedSlotsOneRunFromSlotZero)
         {kAdmin, USERMGNT_CHANGE_PASSWORD, "admin", kNew, {{"admin", kNew}}},  // old digest not asked
         {kFour, 3, "a", "", kFour},
     };
-    for (const auto &c : cases) {
-        ts::write_file(ts::kAccountFile, ts::account_image(c.before));
-        EXPECT_EQ(0, set(c.operation, c.name, c.password)) << c.operation << " " << c.name << err_;
-        EXPECT_EQ(ts::account_image(c.after), ts::read_file(ts::kAccountFile)) << c.operation << " " << c.name;
+    for (const auto &[before, operation, name, password, after] : cases) {
+        ts::write_file(ts::kAccountFile, image(before));
+        EXPECT_EQ(0, set(operation, name, password)) << operation << " " << name << err_;
+        EXPECT_EQ(image(after), ts::read_file(ts::kAccountFile)) << operation << " " << name;
     }
 }
 
 TEST_F(AccountStore, RefusedUpdatesLeaveTheFileUntouched)
 {
-    const std::string two = ts::account_image({kAdmin[0], {"bob", kBob}, {"eve", ""}}),
-                      upper = "0123456789ABCDEF0123456789ABCDEF";
-    const struct {
-        std::string before;
-        int operation;
-        std::string name, password;
-        int code;
-        const char *line;
-    } cases[] = {
+    const std::string two = image({kAdmin[0], {"bob", kBob}, {"eve", ""}}), upper = "0123456789ABCDEF0123456789ABCDEF";
+    const std::tuple<std::string, int, std::string, std::string, int, const char *> cases[] = {
         {two, USERMGNT_ADD, "bob", kNew, -1, "user is  already existence \n"},
         {two, USERMGNT_ADD, "", kNew, -1, "user is  already existence \n"},  // "" names a free slot
-        {ts::account_image(full_table()), USERMGNT_ADD, "user16", kNew, -1, "user table is full, at most 16 accounts\n"},
+        {image(full_table()), USERMGNT_ADD, "user16", kNew, -1, "user table is full, at most 16 accounts\n"},
         {two, USERMGNT_DELETE, "admin", kTavel, -1, "username:admin can't delete \n"},
         {two, USERMGNT_DELETE, "bob", upper, -3, "user password mistake please check\n"},
         {two, USERMGNT_CHANGE_PASSWORD, "Bob", kNew, -2, "user is  not existence \n"},
         {two, USERMGNT_CHANGE_PASSWORD, "eve", kNew, -4, "user password is empty\n"},
         // A right-sized file without terminators: fields are compared within their 64 bytes.
-        {std::string(2048, 'x'), USERMGNT_ADD, std::string(63, 'x'), kNew, -1, "user table is full, at most 16 accounts\n"},
+        {std::string(2048, 'x'), USERMGNT_ADD, std::string(63, 'x'), kNew, -1,
+         "user table is full, at most 16 accounts\n"},
         {std::string(2048, 'x'), USERMGNT_CHANGE_PASSWORD, std::string(63, 'x'), kNew, -2, "user is  not existence \n"},
     };
-    for (const auto &c : cases) {
-        ts::write_file(ts::kAccountFile, c.before);
-        ino_t before = inode_of(ts::kAccountFile);
-        EXPECT_EQ(c.code, set(c.operation, c.name, c.password)) << c.line;
-        EXPECT_TRUE(ts::has_error(err_, c.line)) << err_;
-        EXPECT_EQ(before, inode_of(ts::kAccountFile)) << "rewritten: " << c.line;
-        EXPECT_EQ(c.before, ts::read_file(ts::kAccountFile)) << c.line;
+    for (const auto &[before, operation, name, password, code, line] : cases) {
+        ts::write_file(ts::kAccountFile, before);
+        EXPECT_EQ(code, set(operation, name, password)) << line;
+        EXPECT_TRUE(ts::has_error(err_, line)) << err_;
+        EXPECT_EQ(before, ts::read_file(ts::kAccountFile)) << line;
     }
 }
 
-TEST_F(AccountStore, FailedWritesLeaveTheFileAsItWas)
+TEST_F(AccountStore, FailedWriteLeavesTheFileAsItWas)
 {
-    ts::write_file(ts::kAccountFile, ts::account_image(kAdmin));
-    {
-        ReadOnlyDir readonly;
-        EXPECT_EQ(-1, set(USERMGNT_ADD, "bob", kBob));
-        EXPECT_TRUE(ts::has_error(err_, "DEVSDK_Set_CfgFile: USERMGNT_PARA_FILE failed!\n")) << err_;
-        EXPECT_EQ(ts::account_image(kAdmin), ts::read_file(ts::kAccountFile));
-    }
-    // A damaged file that cannot be replaced fails the read, and so every update.
-    ts::write_file(ts::kAccountFile, "short");
-    ReadOnlyDir readonly;
-    UsermgntConfig config;
-    EXPECT_EQ(-1, HTTP_Get_UsermgntConfig(&config));
-    ts::Capture out(1);
-    EXPECT_EQ(-1, set(USERMGNT_CHANGE_PASSWORD, "admin", kBob));
-    EXPECT_EQ("DEVSDK_Get_UsermgntConfig failed\n", out.text());
-    EXPECT_EQ("short", ts::read_file(ts::kAccountFile));
+    ts::write_file(ts::kAccountFile, image(kAdmin));
+    ASSERT_EQ(0, mount(kDir.c_str(), kDir.c_str(), nullptr, MS_BIND, nullptr));
+    ASSERT_EQ(0, mount(nullptr, kDir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+    EXPECT_EQ(-1, set(USERMGNT_ADD, "bob", kBob));
+    EXPECT_EQ(ts::fail("set User params fail"), set_user(0, "bob", kBob).reply);
+    umount2(kDir.c_str(), MNT_DETACH);
+    EXPECT_EQ(image(kAdmin), ts::read_file(ts::kAccountFile));
 }
 
-TEST_F(AccountActions, AccountsAreListedInSlotOrderThroughAddAndDelete)
+TEST_F(AccountActions, AccountsAreListedInSlotOrderThroughAddAndDeleteAndDamagedFieldsStayInside)
 {
     EXPECT_EQ(list_reply(kAdmin), ts::call(actionGetUserParam, "{}").reply);  // a fresh device
     const std::string done = ts::ok("Successfully to set params");
@@ -194,59 +257,70 @@ TEST_F(AccountActions, AccountsAreListedInSlotOrderThroughAddAndDelete)
     EXPECT_EQ(done, set_user(5, "carol", kBob).reply);
     EXPECT_EQ(list_reply({kAdmin[0], {"carol", kNew}, {std::string(63, 'n'), kBob}}),
               ts::call(actionGetUserParam, "{}").reply);
+    // A right-sized file without a single terminator lists 16 accounts of 64-byte fields.
+    ts::write_file(ts::kAccountFile, std::string(2048, 'x'));
+    EXPECT_EQ(list_reply(Accounts(16, {std::string(64, 'x'), std::string(64, 'x')})),
+              ts::call(actionGetUserParam, "{}").reply);
 }
 
 TEST_F(AccountActions, UnusableBodiesNeverReachTheStoreAndStoreRefusalsGiveTheirCode)
 {
-    for (const char *body : {R"({"operation":"0","user_name":"b","password":"x"})", R"({"operation":0,"user_name":"b"})",
-                             R"({"operation":0,"user_name":null,"password":"x"})", "operation=0", (const char *)nullptr})
-        EXPECT_EQ(ts::fail("Invalid input params"), ts::call(actionSetUserParam, body).reply) << (body ? body : "<null>");
+    for (const char *body :
+         {R"({"operation":"0","user_name":"b","password":"x"})", R"({"operation":0,"user_name":"b"})",
+          R"({"operation":0,"user_name":null,"password":"x"})", "operation=0", (const char *)nullptr})
+        EXPECT_EQ(ts::fail("Invalid input params"), ts::call(actionSetUserParam, body).reply)
+            << (body ? body : "<null>");
     EXPECT_FALSE(ts::exists(ts::kAccountFile)) << "the store was called";
-
-    ts::write_file(ts::kAccountFile, ts::account_image({kAdmin[0], {"bob", kBob}}));
+    ts::write_file(ts::kAccountFile, image({kAdmin[0], {"bob", kBob}}));
     ts::Outcome wrong = set_user(1, "bob", kNew);
     EXPECT_EQ(-3, wrong.rc);
     EXPECT_EQ(ts::fail("set User params fail"), wrong.reply);
-    EXPECT_TRUE(ts::has_error(wrong.err, "set User administration param fail! return : -3\n"));
-    // Without a file and without a way to write one, neither action can answer with accounts.
-    ts::remove_tree(ts::kAccountFile);
-    ReadOnlyDir readonly;
-    EXPECT_EQ(ts::fail("set User params fail"), set_user(0, "carol", kNew).reply);
-    EXPECT_EQ(ts::fail("get User params fail"), ts::call(actionGetUserParam, "{}").reply);
-}
-
-// A right-sized file without a single terminator lists 16 accounts of 64-byte fields.
-TEST_F(AccountActions, DamagedFileIsListedWithinItsFields)
-{
-    ts::write_file(ts::kAccountFile, std::string(2048, 'x'));
-    CJsonPtr reply(cJSON_Parse(ts::call(actionGetUserParam, "{}").reply.c_str()));
-    const cJSON *list = cJSON_GetObjectItem(reply.get(), "Parameters");
-    ASSERT_EQ(16, cJSON_GetArraySize(list));
-    const cJSON *last = cJSON_GetArrayItem(list, 15);
-    EXPECT_EQ(std::string(64, 'x'), cJSON_GetObjectItem(last, "user_name")->valuestring);
-    EXPECT_EQ(std::string(64, 'x'), cJSON_GetObjectItem(last, "password")->valuestring);
-}
-
-TEST_F(AccountActions, PasswordCheckMatchesAStoredAccountExactlyAndNothingElse)
-{
-    EXPECT_EQ(1, check_user_pass_valid("admin", kTavel.c_str()));  // no file: the default account
-    ts::write_file(ts::kAccountFile, ts::account_image({{"admin", "AB12"}, {"bob", "cd34"}}));
-    EXPECT_EQ(1, check_user_pass_valid("bob", "cd34"));
-    // Case counts; a free slot (empty name and digest) is no account.
-    const std::pair<const char *, const char *> wrong[] = {
-        {"admin", "ab12"}, {"Bob", "cd34"}, {"bob", "cd3"}, {"bob", "cd345"}, {"", ""}, {"admin", "cd34"}, {nullptr, "cd34"},
-    };
-    for (const auto &[name, digest] : wrong) {
-        ts::Capture err(2);
-        EXPECT_EQ(0, check_user_pass_valid(name, digest)) << (name ? name : "<null>") << " " << digest;
-        EXPECT_TRUE(ts::has_error(err.text(), name ? "login < UserName and password is false>\n"
-                                                   : "failure username and password input...\n"));
-    }
-    ts::remove_tree(ts::kAccountFile);
-    ReadOnlyDir readonly;
     ts::Capture err(2);
-    EXPECT_EQ(0, check_user_pass_valid("admin", kTavel.c_str()));
-    EXPECT_TRUE(ts::has_error(err.text(), "get User params fail!  return : -1\n"));
+    EXPECT_EQ(0, check_user_pass_valid("", "")) << "a free slot is no account";
+}
+
+TEST(LoginJson, LoginBodyYieldsCredentialsAndATimeoutOfAtLeastOne)
+{
+    for (auto [value, expected] : {std::pair{"600", 600}, {"true", 1}, {"0", 1800}, {"-5", 1800}}) {
+        std::string body =
+            R"({"username":")" + std::string(70, 'n') + R"(","password":"p\"w","timeout":)" + value + "}";
+        LoginParam login{};
+        int timeout = -7;
+        ASSERT_EQ(0, getLoginParamFromJSON(body.c_str(), &login, &timeout)) << body;
+        EXPECT_EQ(std::string(63, 'n') + " p\"w", std::string(login.username) + " " + login.password);
+        EXPECT_EQ(expected, timeout) << value;
+    }
+    int valid = -7;
+    EXPECT_EQ(0, getLoginParamFromJSON_msg(R"({"Parameters":{"PassValidation":true},"Result":"OK"})", &valid));
+    EXPECT_EQ(1, valid);
+}
+
+TEST(LoginJson, UnusableTextsAreRefusedWithTheirCodesAndLines)
+{
+    enum Parser { Login, Answer, Logout };
+    const std::tuple<Parser, const char *, int, const char *> cases[] = {
+        {Login, nullptr, -2, "Invalid params\n"},
+        {Login, R"({"username":"","password":"x","timeout":9})", -2, "username is empty or error value type : 16\n"},
+        {Answer, "OK", -15, "json pack into cjson error...\n"},
+        {Answer, R"({"Result":"Fail","Parameters":{}})", -2, " Result is empty or error value type \n"},
+        {Answer, R"({"Result":1})", -2, " Result is empty or error value type \n"},
+        {Answer, R"({"Result":"OK"})", -2, " object is empty or error value type \n"},
+        {Answer, R"({"Result":"OK","Parameters":[1]})", -2, " object is empty or error value type \n"},
+        {Answer, R"({"Result":"OK","Parameters":{"PassValidation":"1"}})", -2,
+         "PassValidation is empty or error value type : 16\n"},
+        {Logout, R"({"sessionid":null})", -2, "sessionid is empty or error value type : 4\n"},
+    };
+    for (const auto &[parser, text, code, line] : cases) {
+        LoginParam login{};
+        int number = 0;
+        char id[128];
+        ts::Capture err(2);
+        EXPECT_EQ(code, parser == Login    ? getLoginParamFromJSON(text, &login, &number)
+                        : parser == Answer ? getLoginParamFromJSON_msg(text, &number)
+                                           : getSessionidParamFromJSON(text, id, sizeof id))
+            << (text ? text : "<null>");
+        EXPECT_TRUE(ts::has_error(err.text(), line)) << (text ? text : "<null>");
+    }
 }
 
 } // namespace

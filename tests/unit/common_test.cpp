@@ -1,8 +1,9 @@
-// Logging, configuration file access and the command runner.
+// Logging, configuration file access, the command runner and the field-described JSON reader.
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"
 #include "common/syscmd.h"
+#include "json2c/json_fields.h"
 #include "testsupport.h"
 
 #include <atomic>
@@ -61,7 +62,6 @@ TEST(Log, LongLinesOfSeveralThreadsAreWrittenWholeAndNeverInterleave)
 
 TEST(SystemCmd, RunsOneProgramWithoutShellOrEnvironmentAndReapsIt)
 {
-    ts::reset_device_tree();
     ts::write_file("/tmp/standins.log", "");
     EXPECT_EQ(0, HTTP_SYSTEM_CMD("sync"));
     EXPECT_EQ(0u, ts::read_file("/tmp/standins.log").find("sync "));
@@ -82,7 +82,8 @@ TEST(SystemCmd, RefusesEmptyAndOverlongCommands)
 {
     ts::Capture out(1), err(2);
     EXPECT_EQ(-1, HTTP_SYSTEM_CMD(nullptr));
-    for (const std::string &cmd : {std::string(), std::string("     "), std::string(26, 'a'), "true " + std::string(507, 'b')})
+    for (const std::string &cmd :
+         {std::string(), std::string("     "), std::string(26, 'a'), "true " + std::string(507, 'b')})
         EXPECT_EQ(-1, HTTP_SYSTEM_CMD(cmd.c_str())) << cmd.size();
     EXPECT_EQ(0, HTTP_SYSTEM_CMD(("true " + std::string(506, 'c')).c_str()));  // 511 characters
     EXPECT_EQ(0, HTTP_SYSTEM_CMD(std::string(25, 'a').c_str()));               // no such program, but run
@@ -98,35 +99,19 @@ protected:
     }
 };
 
-TEST_F(CfgFile, RecordIsReadOnlyAtItsExactSize)
-{
-    char buf[2048];
-    for (long size : {2047L, 2049L, 0L}) {
-        ts::write_file(kRecord, std::string(static_cast<size_t>(size), 'x'));
-        ts::Capture err(2);
-        EXPECT_EQ(-1, http_get_cfgfile(kRecord.c_str(), buf, sizeof buf)) << size;
-        EXPECT_NE(std::string::npos, err.text().find(kRecord + " (" + std::to_string(size) + " != 2048)\n"));
-    }
-    ts::write_file(kRecord, std::string(2048, 'r'));
-    EXPECT_EQ(0, http_get_cfgfile(kRecord.c_str(), buf, sizeof buf));
-    EXPECT_EQ(std::string(2048, 'r'), std::string(buf, sizeof buf));
-}
-
-TEST_F(CfgFile, MissingArgumentsFilesAndDirectoriesGiveTheirCodes)
+// Exact sizes are proven through the account and language files; these are the odd places.
+TEST_F(CfgFile, MissingArgumentsFoldersAndDirectoriesInPlaceOfFilesAreRefused)
 {
     char buf[16];
     ts::make_dirs(kDir + "/dir");
     ts::Capture err(2);
-    EXPECT_EQ(-2, http_get_cfgfile(kRecord.c_str(), buf, 0));
     EXPECT_EQ(-2, http_get_cfgfile(nullptr, buf, 16));
     EXPECT_EQ(-2, http_set_cfgfile(kRecord.c_str(), nullptr, 16));
-    EXPECT_EQ(-1, http_get_cfgfile((kDir + "/missing").c_str(), buf, 16));
     EXPECT_EQ(-7, http_set_cfgfile("/mnt/no/such/dir/file", buf, 16));
+    EXPECT_EQ(-7, http_set_jsoncfgfile("/mnt/none/x.json", "{}"));
     EXPECT_NE(0, http_get_cfgfile((kDir + "/dir").c_str(), buf, 16));
     EXPECT_EQ(-7, http_set_cfgfile((kDir + "/dir").c_str(), buf, 16));
-    EXPECT_EQ(-7, http_set_jsoncfgfile("/mnt/none/x.json", "{}"));
     EXPECT_EQ("dir\n", leftovers());
-    EXPECT_TRUE(ts::has_error(err.text(), "stat file:" + kDir + "/missing error=2(No such file or directory)\n"));
 }
 
 // A replaced file takes the writer's mode, whatever the old file's was.
@@ -144,26 +129,6 @@ TEST_F(CfgFile, WritersReplaceWholeFilesWithTheModeOfTheUmask)
     umask(022);
     EXPECT_EQ("abc", ts::read_file(kRecord));
     EXPECT_EQ("record\ntext.json\n", leftovers());
-}
-
-TEST_F(CfgFile, TextReadersReturnContentOrNothing)
-{
-    const std::string text = kDir + "/cap.json";
-    int len = -5;
-    EXPECT_EQ(nullptr, http_get_datafile(text.c_str(), &len));
-    EXPECT_EQ(0, len);
-    EXPECT_EQ(nullptr, http_get_jsoncfgfile(text.c_str()));
-    ts::write_file(text, "");
-    len = -5;
-    EXPECT_EQ(nullptr, http_get_datafile(text.c_str(), &len));
-    EXPECT_EQ(0, len);
-    HeapText empty(http_get_jsoncfgfile(text.c_str()));
-    EXPECT_STREQ("", empty ? empty.get() : "<null>");
-    ts::write_file(text, "{\n\t\"a\":\t1\n}");
-    HeapText data(http_get_datafile(text.c_str(), &len)), again(http_get_jsoncfgfile(text.c_str()));
-    EXPECT_STREQ("{\n\t\"a\":\t1\n}", data ? data.get() : "<null>");
-    EXPECT_EQ(11, len);
-    EXPECT_STREQ("{\n\t\"a\":\t1\n}", again ? again.get() : "<null>");
 }
 
 // A writer killed at any moment leaves the old record or the new one, whole.
@@ -214,6 +179,57 @@ TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
         reader.join();
     }
     EXPECT_EQ(0, bad.load());
+}
+
+struct Parsed {
+    int port = -7;
+    char name[8] = "";
+    char lang[16] = "";
+    int sec = -7;
+};
+
+int parse(const char *text, Parsed *p, std::string *err)
+{
+    static const char *const kLanguages[] = {"chinese", "english", nullptr};
+    const JsonField fields[] = {
+        json_text_one_of("language", p->lang, sizeof p->lang, kLanguages, "Invalid params!\n"),
+        json_int("Port", &p->port),
+        json_text("name", p->name, sizeof p->name, false),
+        json_int_in("tm_sec", &p->sec, 0, 59, "Invalid params ! <sec>\n"),
+    };
+    ts::Capture capture(2);
+    CJsonPtr tree;
+    int rc = json_parse_text(text, &tree, LOG_HERE);
+    if (rc == 0)
+        rc = json_read_fields(tree.get(), fields, LOG_HERE);
+    *err = capture.text();
+    return rc;
+}
+
+TEST(JsonFields, FirstFailingFieldNamesItselfWithItsTypeCodeInTheCallersName)
+{
+    const struct {
+        const char *body;
+        int rc;
+        const char *line;
+    } cases[] = {
+        {"not json", -15, "json pack into cjson error...\n"},
+        {R"({"Port":1})", -2, "language is empty or error value type : -1\n"},
+        {R"({"Language":"chinese","Port":1})", -2, "language is empty or error value type : -1\n"},
+        {R"({"language":"English","Port":"80"})", -2, "Invalid params!\n"},
+        {R"({"language":"chinese","Port":"80"})", -2, "Port is empty or error value type : 16\n"},
+        {R"({"language":"chinese","Port":false})", -2, "Port is empty or error value type : 1\n"},
+        {R"({"language":"chinese","Port":1,"name":""})", -2, "name is empty or error value type : 16\n"},
+        {R"({"language":"chinese","Port":1,"name":["x"]})", -2, "name is empty or error value type : 32\n"},
+        {R"({"language":"chinese","Port":1,"name":"x","tm_sec":60})", -2, "Invalid params ! <sec>\n"},
+        {R"({"language":"chinese","Port":1,"name":"x","tm_sec":{}})", -2, "tm_sec is empty or error value type : 64\n"},
+    };
+    for (const auto &c : cases) {
+        Parsed p;
+        std::string err;
+        EXPECT_EQ(c.rc, parse(c.body, &p, &err)) << c.body;
+        EXPECT_TRUE(ts::has_error(err, c.line, "parse")) << c.body << "\n" << err;
+    }
 }
 
 } // namespace

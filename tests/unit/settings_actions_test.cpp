@@ -7,7 +7,6 @@
 #include "actions/port_actions.h"
 #include "actions/reboot_action.h"
 #include "common/owners.h"
-#include "json2c/clock_json.h"
 #include "testsupport.h"
 
 #include <arpa/inet.h>
@@ -23,6 +22,7 @@ using namespace std::string_literals;
 
 const std::string kGot = "Successfully to get params", kSet = "Successfully to set params";
 const std::string kParamDir = "/mnt/usr/config/app_parameters", kCapFile = "/mnt/app/web_root/config/device_cap.json";
+constexpr int kUntouched = -99;
 
 class SettingsActions : public ::testing::Test {
 protected:
@@ -44,56 +44,39 @@ std::string language_record(const std::string &language, int32_t mode)
     return std::string(reinterpret_cast<const char *>(&lang), sizeof lang);
 }
 
-std::string language_reply(const std::string &language, int mode)
+TEST_F(SettingsActions, LanguageIsStoredAsAWholeRecordAndRefusalsLeaveItAsItIs)
 {
-    return ts::params(kGot, "{\n\t\"language\":\t\"" + language + "\",\n\t\"mode\":\t" + std::to_string(mode) + "\n}");
-}
-
-TEST_F(SettingsActions, LanguageSetStoresTheWholeRecordAndGetReturnsLanguageAndMode)
-{
+    auto get_reply = [](const std::string &language, int mode) {
+        return ts::params(kGot,
+                          "{\n\t\"language\":\t\"" + language + "\",\n\t\"mode\":\t" + std::to_string(mode) + "\n}");
+    };
     for (int mode : {1, -7}) {
         std::string body = R"({"language":"english","mode":)" + std::to_string(mode) + "}";
         EXPECT_EQ(ts::ok(kSet), ts::call(actionSetLanguageFormat, body.c_str()).reply);
         EXPECT_EQ(language_record("english", mode), ts::read_file(WEB_LANGUAGE_FILE));
-        EXPECT_EQ(language_reply("english", mode), ts::call(actionGetLanguageFormat, nullptr).reply);
+        EXPECT_EQ(get_reply("english", mode), ts::call(actionGetLanguageFormat, nullptr).reply);
     }
-    ts::write_file(WEB_LANGUAGE_FILE, language_record(std::string(128, 'x'), 2));
-    EXPECT_EQ(language_reply(std::string(128, 'x'), 2), ts::call(actionGetLanguageFormat, nullptr).reply);
-}
-
-TEST_F(SettingsActions, LanguageRefusalsLeaveTheFileAsItIs)
-{
-    const std::pair<const char *, const char *> refused[] = {
-        {R"({"language":"English","mode":1})", "Invalid params!\n"},
-        {R"({"language":"chinese"})", "mode is empty or error value type : -1\n"},
-        {R"({"language":"chinese","mode":"1"})", "mode is empty or error value type : 16\n"},
-        {R"({"language":"chinese",)", "json pack into cjson error...\n"},
-    };
-    const std::string stored = language_record("chinese", 3);
+    const std::string stored = language_record(std::string(128, 'x'), 2);
     ts::write_file(WEB_LANGUAGE_FILE, stored);
-    for (auto [body, line] : refused) {
-        ts::Outcome set = ts::call(actionSetLanguageFormat, body);
-        EXPECT_EQ(-1, set.rc) << body;
-        EXPECT_EQ(ts::fail("set language params fail"), set.reply);
-        EXPECT_TRUE(ts::has_error(set.err, line, "getLanguageFormatFromJSON")) << set.err;
+    EXPECT_EQ(get_reply(std::string(128, 'x'), 2), ts::call(actionGetLanguageFormat, nullptr).reply);
+    for (const char *body :
+         {R"({"language":"English","mode":1})", R"({"language":"chinese","mode":"1"})", "{\"language\""}) {
+        EXPECT_EQ(ts::fail("set language params fail"), ts::call(actionSetLanguageFormat, body).reply) << body;
         EXPECT_EQ(stored, ts::read_file(WEB_LANGUAGE_FILE));
     }
-    // A 259-byte or missing file is not answered and not recreated; a missing folder cannot be written.
+    // A 259-byte or missing file is not answered and not recreated.
     ts::write_file(WEB_LANGUAGE_FILE, stored.substr(0, 259));
     EXPECT_EQ(ts::fail("get language params fail"), ts::call(actionGetLanguageFormat, nullptr).reply);
-    EXPECT_EQ(259, ts::file_size(WEB_LANGUAGE_FILE));
-    ts::remove_tree(WEB_LANGUAGE_FILE);
-    EXPECT_EQ(-1, ts::call(actionGetLanguageFormat, nullptr).rc);
-    EXPECT_FALSE(ts::exists(WEB_LANGUAGE_FILE));
+    EXPECT_EQ(259u, ts::read_file(WEB_LANGUAGE_FILE).size());
     ts::remove_tree("/mnt/app/web_root/config");
-    EXPECT_EQ(ts::fail("set language params fail"), ts::call(actionSetLanguageFormat, R"({"language":"english","mode":1})").reply);
+    EXPECT_EQ(-1, ts::call(actionGetLanguageFormat, nullptr).rc);
+    EXPECT_EQ(ts::fail("set language params fail"),
+              ts::call(actionSetLanguageFormat, R"({"language":"english","mode":1})").reply);
+    EXPECT_FALSE(ts::exists(WEB_LANGUAGE_FILE));
 }
-
-constexpr int kUntouched = -99;
 
 TEST_F(SettingsActions, PortGetCreatesAMissingFileAndReturnsAStoredObjectVerbatim)
 {
-    auto get = [](int *port) { return ts::call([&](char **out) { return actionGetPortParam(nullptr, out, port); }); };
     const std::string fresh = "{\n\t\"Port\":\t80\n}", other = "{ \"Port\" : 8080,\n  \"Owner\": \"x\" }\n";
     const std::tuple<const char *, int, std::string> cases[] = {  // stored (nullptr: none), port, file after
         {nullptr, 80, fresh}, {"", 80, fresh}, {other.c_str(), 8080, other},
@@ -103,15 +86,11 @@ TEST_F(SettingsActions, PortGetCreatesAMissingFileAndReturnsAStoredObjectVerbati
         if (stored)
             ts::write_file(WEB_PORT_FILE, stored);
         int port = kUntouched;
-        ts::Outcome o = get(&port);
+        ts::Outcome o = ts::call([&](char **out) { return actionGetPortParam(nullptr, out, &port); });
         EXPECT_EQ(expected, port) << after;
         EXPECT_EQ(expected == kUntouched ? ts::fail("Failed to get params") : ts::params(kGot, after), o.reply);
         EXPECT_EQ(after, ts::read_file(WEB_PORT_FILE));
     }
-    ts::remove_tree(kParamDir);  // the default cannot be stored, so nothing is read
-    int port = kUntouched;
-    EXPECT_EQ(-1, get(&port).rc);
-    EXPECT_EQ(kUntouched, port);
 }
 
 TEST_F(SettingsActions, PortSetReplacesTheFileAndHandsOverOnlyAUsablePort)
@@ -129,14 +108,12 @@ TEST_F(SettingsActions, PortSetReplacesTheFileAndHandsOverOnlyAUsablePort)
     }
     const std::string stored = ts::read_file(WEB_PORT_FILE);
     for (const char *value : {"0", "65536", "-1", "1e12", "\"8081\"", "8081"}) {
-        if (value == std::string("8081"))
+        if (value == "8081"s)
             ts::remove_tree(kParamDir);  // a usable port, but the file cannot be written
         int port = 80;
-        ts::Outcome refused = set(value, &port);
-        EXPECT_EQ(-1, refused.rc) << value;
+        EXPECT_EQ(ts::fail("Failed to set params"), set(value, &port).reply) << value;
         EXPECT_EQ(80, port);
-        EXPECT_EQ(ts::fail("Failed to set params"), refused.reply);
-        EXPECT_TRUE(value == std::string("8081") || ts::read_file(WEB_PORT_FILE) == stored) << value;
+        EXPECT_TRUE(value == "8081"s || ts::read_file(WEB_PORT_FILE) == stored) << value;
     }
 }
 
@@ -144,7 +121,7 @@ TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
 {
     auto status = [](int port) {
         std::string body = "{\"Port\":" + std::to_string(port) + "}";
-        return ts::call(actionGetPortStatus, body.c_str());
+        return ts::call(actionGetPortStatus, body.c_str()).reply;
     };
     UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
     sockaddr_in addr{};
@@ -153,78 +130,56 @@ TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
     ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
     ASSERT_EQ(0, listen(listener.get(), 1));
     ASSERT_EQ(0, getsockname(listener.get(), reinterpret_cast<sockaddr *>(&addr), &len));
-    EXPECT_EQ(ts::fail("http port in use"), status(ntohs(addr.sin_port)).reply);
+    EXPECT_EQ(ts::fail("http port in use"), status(ntohs(addr.sin_port)));
     std::string listed;
     ts::run({"/bin/sh", "-c", "netstat -tuln"}, &listed);
     int unlisted = 20000;
     while (listed.find(std::to_string(unlisted)) != std::string::npos)
         ++unlisted;
-    ts::Outcome available = status(unlisted);
-    EXPECT_EQ(0, available.rc);
-    EXPECT_EQ(ts::ok("Port available"), available.reply);
-    for (int refused : {0, 65536})
-        EXPECT_EQ(ts::fail("Failed to get params"), status(refused).reply);
+    EXPECT_EQ(ts::ok("Port available"), status(unlisted));
+    EXPECT_EQ(ts::fail("Failed to get params"), status(65536));
 }
 
-// A body for 2023-12-31 23:59:58 with members replaced (or left out with the value "").
-std::string clock_body(const std::map<std::string, std::string> &changes)
+// A body for 2023-12-31 23:59:58 with members replaced.
+std::string clock_body(const std::map<std::string, int> &changes)
 {
-    const std::pair<const char *, int> base[] = {{"tm_sec", 58}, {"tm_min", 59},   {"tm_hour", 23}, {"tm_mday", 31},
-                                                 {"tm_mon", 11}, {"tm_year", 123}, {"tm_wday", 0}};
+    std::map<std::string, int> t = {{"tm_sec", 58}, {"tm_min", 59},   {"tm_hour", 23}, {"tm_mday", 31},
+                                    {"tm_mon", 11}, {"tm_year", 123}, {"tm_wday", 0}};
+    for (const auto &[name, value] : changes)
+        t[name] = value;
     std::string body;
-    for (const auto &[name, v] : base) {
-        auto change = changes.find(name);
-        std::string text = change != changes.end() ? change->second : std::to_string(v);
-        if (!text.empty())
-            body += (body.empty() ? "{\"" : ",\"") + std::string(name) + "\":" + text;
-    }
+    for (const auto &[name, value] : t)
+        body += (body.empty() ? "{\"" : ",\"") + name + "\":" + std::to_string(value);
     return body + "}";
 }
 
-TEST_F(SettingsActions, ClockChecksEachFieldAtBothEndsOfItsRangeWithItsOwnMessage)
+TEST_F(SettingsActions, ClockChecksEachFieldAtBothEndsOfItsRangeAndTheYearBeforeTheClock)
 {
-    const struct {
-        const char *member;
-        int min, max;
-        const char *line;
-    } ranges[] = {
+    const std::tuple<const char *, int, int, const char *> ranges[] = {
         {"tm_sec", 0, 59, "Invalid params ! <sec>\n"},  {"tm_min", 0, 59, "Invalid params! <min>\n"},
         {"tm_hour", 0, 23, "Invalid params! <hour>\n"}, {"tm_mday", 1, 31, "Invalid params! <mday>\n"},
         {"tm_mon", 0, 11, "Invalid params! <mon>\n"},   {"tm_wday", 0, 6, "Invalid params! <wday>\n"},
     };
-    for (const auto &r : ranges) {
-        for (int inside : {r.min, r.max}) {
-            struct tm t {};
-            EXPECT_EQ(0, getRtcParamFromJSON(clock_body({{r.member, std::to_string(inside)}}).c_str(), &t));
+    for (const auto &[member, min, max, line] : ranges)
+        for (int value : {min - 1, min, max, max + 1}) {
+            ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body({{member, value}}).c_str());
+            bool inside = value == min || value == max;  // then refused only by the clock, which the test may not set
+            EXPECT_EQ(inside ? ts::fail("set rtc fail") : ts::fail("Invalid input params"), set.reply)
+                << member << value;
+            EXPECT_EQ(!inside, ts::has_error(set.err, line, "getRtcParamFromJSON")) << set.err;
         }
-        for (int outside : {r.min - 1, r.max + 1}) {
-            ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body({{r.member, std::to_string(outside)}}).c_str());
-            EXPECT_EQ(-1, set.rc) << r.member << " " << outside;
-            EXPECT_EQ(ts::fail("Invalid input params"), set.reply);
-            EXPECT_TRUE(ts::has_error(set.err, r.line, "getRtcParamFromJSON")) << set.err;
-        }
-    }
-}
-
-// Years outside 1971..2069 are refused with the values as sent; times that pass every check
-// (February 30 included) reach the clock, which the test namespace may not set.
-TEST_F(SettingsActions, ClockRefusesYearsOutOfRangeAndHandsCheckedTimesToTheClock)
-{
-    const std::pair<std::map<std::string, std::string>, int> cases[] = {
-        {{{"tm_year", "70"}}, -2},  {{{"tm_year", "170"}}, -2}, {{{"tm_year", "71"}}, -1},
-        {{{"tm_year", "169"}}, -1}, {{{"tm_mon", "1"}, {"tm_mday", "30"}}, -1},
+    // Years outside 1971..2069 are refused with the values as sent; February 30 passes the checks.
+    const std::pair<std::map<std::string, int>, int> cases[] = {
+        {{{"tm_year", 70}}, -2}, {{{"tm_year", 170}}, -2}, {{{"tm_year", 71}}, -1},
+        {{{"tm_year", 169}}, -1}, {{{"tm_mon", 1}, {"tm_mday", 30}}, -1},
     };
     for (const auto &[changes, rc] : cases) {
-        std::string body = clock_body(changes);
-        ts::Outcome set = ts::call(actionsetDeviceLocalTime, body.c_str());
-        EXPECT_EQ(rc, set.rc) << body;
+        ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body(changes).c_str());
+        EXPECT_EQ(rc, set.rc) << clock_body(changes);
         EXPECT_EQ(ts::fail("set rtc fail"), set.reply);
-        size_t refused = set.err.find(", http_Set_LocalTime>: parma is invailed:\n\033[0m"),
-               failed = set.err.find(", http_Set_LocalTime>: set rtc fail! return : " + std::to_string(rc) + "\n");
-        EXPECT_NE(std::string::npos, failed) << set.err;
-        EXPECT_EQ(rc == -2, refused < failed) << body;
-        EXPECT_TRUE(rc != -2 || set.out == "sec=58,min=59,hour=23\nday=31,mon=11,year=" + changes.at("tm_year") +
-                                               ";tm_wday=0\n") << set.out;
+        EXPECT_EQ(rc == -2, ts::has_error(set.err, "parma is invailed:\n", "http_Set_LocalTime")) << set.err;
+        EXPECT_TRUE(rc == -1 || set.out == "sec=58,min=59,hour=23\nday=31,mon=11,year=" +
+                                               std::to_string(changes.at("tm_year")) + ";tm_wday=0\n") << set.out;
     }
 }
 
@@ -239,11 +194,14 @@ TEST_F(SettingsActions, ClockAcceptsTheCurrentLocalTimeWithoutSettingItAndShowsI
     time_t now = time(nullptr);
     struct tm t {};
     localtime_r(&now, &t);
-    char body[256];
-    snprintf(body, sizeof body,
-             R"({"tm_sec":%d,"tm_min":%d,"tm_hour":%d,"tm_mday":%d,"tm_mon":%d,"tm_year":%d,"tm_wday":%d})",
-             t.tm_sec, t.tm_min, t.tm_hour, t.tm_mday, t.tm_mon, t.tm_year, t.tm_wday);
-    ts::Outcome set = ts::call(actionsetDeviceLocalTime, body);
+    ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body({{"tm_sec", t.tm_sec},
+                                                                     {"tm_min", t.tm_min},
+                                                                     {"tm_hour", t.tm_hour},
+                                                                     {"tm_mday", t.tm_mday},
+                                                                     {"tm_mon", t.tm_mon},
+                                                                     {"tm_year", t.tm_year},
+                                                                     {"tm_wday", t.tm_wday}})
+                                                             .c_str());
     auto reply_now = [] {
         time_t now = time(nullptr);
         char shown[32];
@@ -254,9 +212,7 @@ TEST_F(SettingsActions, ClockAcceptsTheCurrentLocalTimeWithoutSettingItAndShowsI
     saved ? setenv("TZ", old.c_str(), 1) : unsetenv("TZ");
     tzset();
     EXPECT_EQ(1, t.tm_isdst);
-    EXPECT_EQ(0, set.rc) << set.err;
-    EXPECT_EQ(ts::ok(kSet), set.reply);
-    EXPECT_EQ("", set.err);
+    EXPECT_EQ(ts::ok(kSet), set.reply) << set.err;
     EXPECT_TRUE(got == before || got == after) << got;
 }
 
@@ -267,11 +223,9 @@ TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessIt
     };
     for (const std::string &stored : {"{ \"Audio\" :1,\n  \"Channels\": [ 1, 2 ]  }\n"s, "[]"s, "7"s}) {
         ts::write_file(kCapFile, stored);
-        ts::Outcome get = get_cap(kCapFile.c_str());
-        EXPECT_EQ(0, get.rc);
-        EXPECT_EQ(ts::params(kGot, stored), get.reply);
+        EXPECT_EQ(ts::params(kGot, stored), get_cap(kCapFile.c_str()).reply);
     }
-    // Cut short, two values, not JSON at all, and a NUL byte hiding the rest.
+    // Cut short, two values, not JSON at all, a NUL byte hiding the rest, empty.
     for (const std::string &stored : {"{\"Audio\":"s, "{} {}"s, "Audio=1"s, "{}\0{\"x\""s, ""s}) {
         ts::write_file(kCapFile, stored);
         ts::Outcome get = get_cap(kCapFile.c_str());
@@ -279,9 +233,7 @@ TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessIt
         EXPECT_EQ(ts::fail("Failed to get params"), get.reply);
     }
     ts::remove_tree(kCapFile);
-    ts::Outcome missing = get_cap(kCapFile.c_str());
-    EXPECT_EQ(ts::fail("Failed to get params"), missing.reply);
-    EXPECT_NE(std::string::npos, missing.out.find(">: open " + kCapFile + " failed use default para\n")) << missing.out;
+    EXPECT_EQ(ts::fail("Failed to get params"), get_cap(kCapFile.c_str()).reply);
     EXPECT_EQ(ts::fail("Invalid input params"), get_cap(nullptr).reply);
 }
 
@@ -290,24 +242,18 @@ TEST(Reboot, SyncsWaitsPrintsTheBannerAndAsksTwiceForTheRestart)
 {
     ts::write_file("/tmp/standins.log", "");
     ts::Outcome reboot = ts::call(actionSetDeviceReboot, nullptr);
-    EXPECT_EQ(0, reboot.rc);
     EXPECT_EQ("<null>", reboot.reply);
-    EXPECT_EQ("\n"
-              "_________________________________________________________________\n"
+    EXPECT_EQ("\n_________________________________________________________________\n"
               "|                Device Start Restart <system>                  |\n"
               "|_______________________________________________________________|\n",
               reboot.out);
     std::istringstream log(ts::read_file("/tmp/standins.log"));
-    std::vector<std::pair<std::string, double>> calls;
-    std::string name;
-    for (double at; log >> name >> at;)
-        calls.emplace_back(name, at);
-    ASSERT_EQ(3u, calls.size()) << ts::read_file("/tmp/standins.log");
-    EXPECT_EQ("sync", calls[0].first);
-    EXPECT_EQ("reboot", calls[1].first);
-    EXPECT_EQ("reboot", calls[2].first);
-    EXPECT_NEAR(8.0, calls[1].second - calls[0].second, 0.5);
-    EXPECT_NEAR(3.0, calls[2].second - calls[1].second, 0.5);
+    std::string sync, reboot1, reboot2, more;
+    double t0 = 0, t1 = 0, t2 = 0;
+    log >> sync >> t0 >> reboot1 >> t1 >> reboot2 >> t2 >> more;
+    EXPECT_EQ("sync reboot reboot ", sync + " " + reboot1 + " " + reboot2 + " " + more) << log.str();
+    EXPECT_NEAR(8.0, t1 - t0, 0.5);
+    EXPECT_NEAR(3.0, t2 - t1, 0.5);
 }
 
 } // namespace

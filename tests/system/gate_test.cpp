@@ -50,6 +50,10 @@ TEST_F(Gate, EveryRequestGetsExactlyOneReplyOfTheRightForm)
         EXPECT_EQ(c.reply, r.body) << c.action << "?" << c.query;
     }
     EXPECT_NE(std::string::npos, dev->server().log().find("actionName=GetOther\n"));
+    ts::HttpReply r = dev->call("detection_sessionid", "sessionid=" + sid);
+    EXPECT_EQ("application/json; charset=utf-8", r.headers["content-type"]);
+    EXPECT_EQ("no-store", r.headers["cache-control"]);
+    EXPECT_EQ("nosniff", r.headers["x-content-type-options"]);
     // The action route with nothing behind it never reaches an action; "/action/device" names "device".
     EXPECT_EQ(404, ts::http({.url = ts::local_url(8080, "/action/")}).status);
     EXPECT_EQ("HTTP/1.1 200 OK",

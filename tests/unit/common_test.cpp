@@ -1,9 +1,8 @@
-// Logging, configuration file access, the command runner and the field-described JSON reader.
+// Logging, configuration file access and the command runner. The field-described JSON reader
+// is proven through the parsers that use it (language, clock, accounts, login).
 #include "common/cfgfile.h"
 #include "common/log.h"
-#include "common/owners.h"
 #include "common/syscmd.h"
-#include "json2c/json_fields.h"
 #include "testsupport.h"
 
 #include <atomic>
@@ -99,38 +98,6 @@ protected:
     }
 };
 
-// Exact sizes are proven through the account and language files; these are the odd places.
-TEST_F(CfgFile, MissingArgumentsFoldersAndDirectoriesInPlaceOfFilesAreRefused)
-{
-    char buf[16];
-    ts::make_dirs(kDir + "/dir");
-    ts::Capture err(2);
-    EXPECT_EQ(-2, http_get_cfgfile(nullptr, buf, 16));
-    EXPECT_EQ(-2, http_set_cfgfile(kRecord.c_str(), nullptr, 16));
-    EXPECT_EQ(-7, http_set_cfgfile("/mnt/no/such/dir/file", buf, 16));
-    EXPECT_EQ(-7, http_set_jsoncfgfile("/mnt/none/x.json", "{}"));
-    EXPECT_NE(0, http_get_cfgfile((kDir + "/dir").c_str(), buf, 16));
-    EXPECT_EQ(-7, http_set_cfgfile((kDir + "/dir").c_str(), buf, 16));
-    EXPECT_EQ("dir\n", leftovers());
-}
-
-// A replaced file takes the writer's mode, whatever the old file's was.
-TEST_F(CfgFile, WritersReplaceWholeFilesWithTheModeOfTheUmask)
-{
-    const std::string text = kDir + "/text.json";
-    ts::write_file(kRecord, std::string(4096, 'o'), 0600);
-    for (mode_t mask : {022, 0}) {
-        umask(mask);
-        EXPECT_EQ(0, http_set_cfgfile(kRecord.c_str(), "abc", 3));
-        EXPECT_EQ(0, http_set_jsoncfgfile(text.c_str(), ""));
-        EXPECT_EQ(0664u & ~mask, static_cast<unsigned>(std::filesystem::status(kRecord).permissions()));
-        EXPECT_EQ(0666u & ~mask, static_cast<unsigned>(std::filesystem::status(text).permissions()));
-    }
-    umask(022);
-    EXPECT_EQ("abc", ts::read_file(kRecord));
-    EXPECT_EQ("record\ntext.json\n", leftovers());
-}
-
 // A writer killed at any moment leaves the old record or the new one, whole.
 TEST_F(CfgFile, KilledWriterNeverLeavesATornRecord)
 {
@@ -179,57 +146,6 @@ TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
         reader.join();
     }
     EXPECT_EQ(0, bad.load());
-}
-
-struct Parsed {
-    int port = -7;
-    char name[8] = "";
-    char lang[16] = "";
-    int sec = -7;
-};
-
-int parse(const char *text, Parsed *p, std::string *err)
-{
-    static const char *const kLanguages[] = {"chinese", "english", nullptr};
-    const JsonField fields[] = {
-        json_text_one_of("language", p->lang, sizeof p->lang, kLanguages, "Invalid params!\n"),
-        json_int("Port", &p->port),
-        json_text("name", p->name, sizeof p->name, false),
-        json_int_in("tm_sec", &p->sec, 0, 59, "Invalid params ! <sec>\n"),
-    };
-    ts::Capture capture(2);
-    CJsonPtr tree;
-    int rc = json_parse_text(text, &tree, LOG_HERE);
-    if (rc == 0)
-        rc = json_read_fields(tree.get(), fields, LOG_HERE);
-    *err = capture.text();
-    return rc;
-}
-
-TEST(JsonFields, FirstFailingFieldNamesItselfWithItsTypeCodeInTheCallersName)
-{
-    const struct {
-        const char *body;
-        int rc;
-        const char *line;
-    } cases[] = {
-        {"not json", -15, "json pack into cjson error...\n"},
-        {R"({"Port":1})", -2, "language is empty or error value type : -1\n"},
-        {R"({"Language":"chinese","Port":1})", -2, "language is empty or error value type : -1\n"},
-        {R"({"language":"English","Port":"80"})", -2, "Invalid params!\n"},
-        {R"({"language":"chinese","Port":"80"})", -2, "Port is empty or error value type : 16\n"},
-        {R"({"language":"chinese","Port":false})", -2, "Port is empty or error value type : 1\n"},
-        {R"({"language":"chinese","Port":1,"name":""})", -2, "name is empty or error value type : 16\n"},
-        {R"({"language":"chinese","Port":1,"name":["x"]})", -2, "name is empty or error value type : 32\n"},
-        {R"({"language":"chinese","Port":1,"name":"x","tm_sec":60})", -2, "Invalid params ! <sec>\n"},
-        {R"({"language":"chinese","Port":1,"name":"x","tm_sec":{}})", -2, "tm_sec is empty or error value type : 64\n"},
-    };
-    for (const auto &c : cases) {
-        Parsed p;
-        std::string err;
-        EXPECT_EQ(c.rc, parse(c.body, &p, &err)) << c.body;
-        EXPECT_TRUE(ts::has_error(err, c.line, "parse")) << c.body << "\n" << err;
-    }
 }
 
 } // namespace

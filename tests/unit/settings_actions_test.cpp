@@ -60,7 +60,8 @@ TEST_F(SettingsActions, LanguageIsStoredAsAWholeRecordAndRefusalsLeaveItAsItIs)
     ts::write_file(WEB_LANGUAGE_FILE, stored);
     EXPECT_EQ(get_reply(std::string(128, 'x'), 2), ts::call(actionGetLanguageFormat, nullptr).reply);
     for (const char *body :
-         {R"({"language":"English","mode":1})", R"({"language":"chinese","mode":"1"})", "{\"language\""}) {
+         {R"({"language":"English","mode":1})", R"({"Language":"english","mode":1})", R"({"language":"chinese","mode":"1"})",
+          "{\"language\""}) {
         EXPECT_EQ(ts::fail("set language params fail"), ts::call(actionSetLanguageFormat, body).reply) << body;
         EXPECT_EQ(stored, ts::read_file(WEB_LANGUAGE_FILE));
     }
@@ -137,7 +138,6 @@ TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
     while (listed.find(std::to_string(unlisted)) != std::string::npos)
         ++unlisted;
     EXPECT_EQ(ts::ok("Port available"), status(unlisted));
-    EXPECT_EQ(ts::fail("Failed to get params"), status(65536));
 }
 
 // A body for 2023-12-31 23:59:58 with members replaced.

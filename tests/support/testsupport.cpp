@@ -27,7 +27,14 @@ namespace ts {
 
 namespace {
 
-void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+// Whether done() holds within timeout_ms, looked at every 10 ms.
+bool eventually(const std::function<bool()> &done, int timeout_ms)
+{
+    for (long long end = now_ms() + timeout_ms; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        if (now_ms() > end)
+            return false;
+    return true;
+}
 
 sockaddr_in address(const std::string &host, int port)
 {
@@ -218,10 +225,7 @@ bool Process::running()
 
 int Process::wait(int timeout_ms)
 {
-    for (long long end = now_ms() + timeout_ms; running(); pause_ms(10))
-        if (now_ms() > end)
-            return -1;
-    return status_;
+    return eventually([this] { return !running(); }, timeout_ms) ? status_ : -1;
 }
 
 void Process::stop(int sig)
@@ -234,10 +238,7 @@ void Process::stop(int sig)
 
 bool Process::wait_for_log(const std::string &text, int timeout_ms) const
 {
-    for (long long end = now_ms() + timeout_ms; log().find(text) == std::string::npos; pause_ms(20))
-        if (now_ms() > end)
-            return false;
-    return true;
+    return eventually([&] { return log().find(text) != std::string::npos; }, timeout_ms);
 }
 
 int run(const std::vector<std::string> &argv, std::string *output, int timeout_ms)
@@ -283,10 +284,7 @@ bool port_accepts(const std::string &host, int port)
 
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms)
 {
-    for (long long end = now_ms() + timeout_ms; port_accepts(host, port) != open; pause_ms(20))
-        if (now_ms() > end)
-            return false;
-    return true;
+    return eventually([&] { return port_accepts(host, port) == open; }, timeout_ms);
 }
 
 int free_port()
@@ -385,14 +383,14 @@ std::string status_line(const std::string &raw) { return raw.substr(0, raw.find(
 int temp_files()
 {
     int n = 0;
-    for (int tries = 0; tries < 50; ++tries, n = 0, pause_ms(20)) {
+    eventually([&n] {
+        n = 0;
         for (auto &e : fs::directory_iterator("/tmp")) {
             std::string name = e.path().filename();
-            n += name.rfind("webs-", 0) == 0 || name.rfind(".upgrade-", 0) == 0;
+            n += name.starts_with("webs-") || name.starts_with(".upgrade-");
         }
-        if (n == 0)
-            break;
-    }
+        return n == 0;
+    }, 1000);
     return n;
 }
 

@@ -27,12 +27,13 @@ void reset_device_tree();
 void lay_out_demo_tree();
 size_t occurrences(const std::string &text, const std::string &part);
 
-// Captures what the calling process writes to stdout or stderr (at the fd level).
+// Captures what the calling process writes to stdout or stderr (at the fd level); text() stops it.
 class Capture {
 public:
     explicit Capture(int fd);
     ~Capture() { text(); }
-    std::string text();  // stops capturing on first call
+    std::string text();
+
 private:
     int fd_, saved_;
     std::string path_, text_;

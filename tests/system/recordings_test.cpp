@@ -1,6 +1,6 @@
 // Recording listing and deletion through the real binary, on a small card.
-#include "testsupport.h"
 #include "network/storage.h"
+#include "testsupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,9 @@
 // The service host: the webserver binary's command line and start-up seen from outside, and
 // in-process the web server thread, the port supervisor and the language record.
 #include "actions/language_format.h"
-#include "common/owners.h"
 #include "testsupport.h"
 #include "webserver/service.h"
 
-#include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -20,20 +18,18 @@ const std::string kHelp = "---------------------------------------------\n"
 
 TEST(WebserverBinary, HelpWordsAndThreeArgumentsPrintTheHelpAndExit)
 {
-    ts::lay_out_demo_tree();
+    const std::string web = ts::bin_path("webserver");
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"h"}, kHelp}, {{"help"}, kHelp}, {{"hello"}, kHelp},
-        {{"88", "eth0", "x"}, "http_port 88\r\ninterfaces_name eth0\r\n" + kHelp},
+        {{web, "h"}, kHelp}, {{web, "help"}, kHelp}, {{web, "hello"}, kHelp},
+        {{web, "88", "eth0", "x"}, "http_port 88\r\ninterfaces_name eth0\r\n" + kHelp},
         // The interface name is cut to 7 characters, the port read as atoi reads it.
-        {{"x1", "eth0-and-more", "x"}, "http_port 0\r\ninterfaces_name eth0-an\r\n" + kHelp},
+        {{web, "x1", "eth0-and-more", "x"}, "http_port 0\r\ninterfaces_name eth0-an\r\n" + kHelp},
     };
-    for (const auto &[args, printed] : cases) {
-        std::vector<std::string> argv{ts::bin_path("webserver")};
-        argv.insert(argv.end(), args.begin(), args.end());
+    for (const auto &[argv, printed] : cases) {
         std::string out;
         int status = ts::run(argv, &out, 5000);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << args[0];
-        EXPECT_EQ(printed, out) << args[0];
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << argv[1];
+        EXPECT_EQ(printed, out) << argv[1];
     }
 }
 

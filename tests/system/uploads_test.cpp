@@ -1,6 +1,5 @@
 // Watermark uploads and firmware upgrades through the real binary and the simulator: what is
 // checked, what is stored where, and what every refusal leaves behind.
-#include "common/owners.h"
 #include "testsupport.h"
 
 #include <algorithm>
@@ -17,29 +16,24 @@ const std::string kWatermark = "/mnt/app/web_root/images/watermark/";
 
 std::string be32(uint32_t v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
 std::string le32(uint32_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }
+std::string padded(std::string head, size_t size, char fill) { return head.resize(size, fill), head; }
 
-// Signature, IHDR chunk head and the two dimensions, padded to size bytes.
+// Signature, IHDR chunk head and the two dimensions.
 std::string png(uint32_t width, uint32_t height, size_t size = 2048)
 {
-    std::string p = std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16) + be32(width) + be32(height);
-    p.resize(size, '\x7f');
-    return p;
+    return padded(std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16) + be32(width) + be32(height), size, '\x7f');
 }
 
 std::string bmp(int32_t width, int32_t height)
 {
-    std::string b = "BM" + le32(4096) + std::string(12, '\0') + le32(uint32_t(width)) + le32(uint32_t(height));
-    b.resize(4096, '\0');
-    return b;
+    return padded("BM" + le32(4096) + std::string(12, '\0') + le32(uint32_t(width)) + le32(uint32_t(height)), 4096, 0);
 }
 
 // A start of image and a frame header of 4000 x 3000 pixels: far above the picture limits,
 // which a JPEG is not measured against.
 std::string jpeg(size_t size = 4096)
 {
-    std::string j("\xff\xd8\xff\xc0\x00\x11\x08\x0b\xb8\x0f\xa0", 11);
-    j.resize(size, '\x55');
-    return j;
+    return padded(std::string("\xff\xd8\xff\xc0\x00\x11\x08\x0b\xb8\x0f\xa0", 11), size, 'U');
 }
 
 // Names in the watermark directory, hidden ones left out (the shell's "*" leaves them too).
@@ -226,7 +220,8 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
 // Routed to another application, "StartUpgrade" is relayed like any command and stores nothing.
 TEST(Upgrade, OnlyTheUpgradeApplicationsRouteStoresAnImage)
 {
-    ts::Device dev("", "VerifyPassword app_user ipc:///tmp/app_user.ipc\nStartUpgrade app_other ipc:///tmp/app_other.ipc\n");
+    ts::Device dev("", "VerifyPassword app_user ipc:///tmp/app_user.ipc\n"
+                       "StartUpgrade app_other ipc:///tmp/app_other.ipc\n");
     std::string query = "sessionid=" + dev.login();
     EXPECT_EQ(kFinalProgress, dev.call("StartUpgrade", query, R"({"Version":"2.1"})").body);
     EXPECT_NE(std::string::npos, dev.sim().log().find(R"("Receiver":"app_other")"));

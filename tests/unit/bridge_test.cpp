@@ -1,6 +1,5 @@
-// The device message bridge in-process: the routing file reader and exchanges with real
-// nanomsg peers (inside the test, or the device simulator). The request message itself is
-// checked where an application receives it, in the relay test.
+// The routing file reader and exchanges with real nanomsg peers (the test's own, or the device
+// simulator). The request message itself is checked where an application receives it (relay test).
 #include "common/owners.h"
 #include "testsupport.h"
 #include "webserver/device_message.h"

@@ -5,8 +5,8 @@
 #include "testsupport.h"
 
 #include <algorithm>
-#include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
 #include <set>
@@ -24,14 +24,12 @@ void fresh_card()
     ts::make_file(kSd + "recodefilelist.txt", 0);
 }
 
-// Entry names of dir in the order the directory listing delivers them, without "." and "..".
+// Entry names of dir in the order the directory listing delivers them.
 std::vector<std::string> listing_order(const std::string &dir)
 {
     std::vector<std::string> names;
-    DirPtr stream(opendir(dir.c_str()));
-    while (dirent *e = stream ? readdir(stream.get()) : nullptr)
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-            names.push_back(e->d_name);
+    for (const auto &e : std::filesystem::directory_iterator(dir))
+        names.push_back(e.path().filename());
     return names;
 }
 

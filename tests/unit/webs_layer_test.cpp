@@ -64,7 +64,6 @@ protected:
         seen.urls.clear();
         seen.active = seen.max_active = seen.silent_calls = 0;
         seen.gate_open = false;
-        ts::write_file("/mnt/www/index.html", "<p>home</p>");
         ts::write_file("/mnt/www/page.html", "page");
         ts::write_file("/mnt/www/private/key", "k");
         ts::write_file("/mnt/routes.txt", "# test routes\n"
@@ -158,7 +157,6 @@ TEST_F(Layer, RefusalsAnswerWithTheirStatusAndAnEscapedPage)
     EXPECT_EQ("text/html; charset=utf-8", page.headers["content-type"]);
     EXPECT_NE(std::string::npos, page.body.find("no &lt;script&gt;x&lt;/script&gt; &amp; &quot;more&quot;"));
     EXPECT_EQ(std::string::npos, page.body.find("<script>"));
-    EXPECT_EQ("<p>home</p>", ts::http({.url = url("/")}).body);
 }
 
 TEST_F(Layer, ActionsRunOneAtATimeInArrivalOrderWhileDocumentsAreServed)

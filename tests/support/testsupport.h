@@ -105,7 +105,7 @@ struct HttpRequest {
 };
 struct HttpReply {
     long status = 0;  // 0 when the request failed at the transport
-    std::string body, error;
+    std::string body;
     std::map<std::string, std::string> headers;  // names in lower case
 };
 HttpReply http(const HttpRequest &req);

@@ -25,8 +25,9 @@ protected:
 TEST_F(Gate, EveryRequestGetsExactlyOneReplyOfTheRightForm)
 {
     std::string sid = dev->login();
+    const std::string session = "sessionid=" + sid;
     const struct {
-        std::string action, query, reply;
+        std::string action, query, reply, body = "";
     } cases[] = {
         {"get_user_param", "", coded(-16, "Session ID is empty")},
         {"get_user_param", "sessionid=", coded(-1, "Invalid URL")},
@@ -42,13 +43,20 @@ TEST_F(Gate, EveryRequestGetsExactlyOneReplyOfTheRightForm)
         {"get_user_param", "sessionid=" + sid + "&x=a/GetOther", coded(-16, "Session ID is empty")},
         {"get_Language_Format", "",
          ts::params("Successfully to get params", "{\n\t\"language\":\t\"chinese\",\n\t\"mode\":\t0\n}")},
+        // The settings actions are wired to their handlers.
+        {"set_Language_Format", "", ts::ok("Successfully to set params"), R"({"language":"chinese","mode":0})"},
+        {"GetWebServerParameter", session, ts::params("Successfully to get params", "{\n\t\"Port\":\t8080\n}")},
+        {"GetWebServerPortStatus", session, fail("http port in use"), R"({"Port":8080})"},
+        {"set_user_param", session, ts::ok("Successfully to set params"),
+         R"({"operation":2,"user_name":"admin","password":")" + std::string(ts::kAdminDigest) + "\"}"},
     };
     for (const auto &c : cases) {
-        ts::HttpReply r = dev->call(c.action, c.query);
+        ts::HttpReply r = dev->call(c.action, c.query, c.body);
         EXPECT_EQ(200, r.status) << c.action << "?" << c.query;
         EXPECT_EQ(c.reply, r.body) << c.action << "?" << c.query;
     }
     EXPECT_NE(std::string::npos, dev->server().log().find("actionName=GetOther\n"));
+    EXPECT_NE(std::string::npos, dev->call("get_device_localtime", session).body.find("\"local_time\":\t\""));
     ts::HttpReply r = dev->call("detection_sessionid", "sessionid=" + sid);
     EXPECT_EQ("application/json; charset=utf-8", r.headers["content-type"]);
     EXPECT_EQ("no-store", r.headers["cache-control"]);
@@ -111,6 +119,14 @@ TEST_F(Gate, UseKeepsASessionAliveTheProbeDoesNotAndTimeOutsBelowOneLastHalfAnHo
     EXPECT_EQ(coded(-16, "Invalid session ID"), dev->call("detection_sessionid", "sessionid=" + probed).body);
     for (const std::string &live : {used, zero, negative})
         EXPECT_EQ(ts::plain_ok(), dev->call("detection_sessionid", "sessionid=" + live).body);
+}
+
+TEST(GateWithoutPasswordRoute, NobodyGetsIn)
+{
+    ts::Device dev("", "GetNetworkWIFIParameters app_network ipc:///tmp/app_network.ipc\n", 8081);
+    EXPECT_EQ(coded(550, "Failed to request server"), dev.call("login", "", kLogin).body);
+    EXPECT_EQ(coded(-1, "Invalid username or password"),
+              dev.call("get_user_param", std::string("username=admin&password=") + ts::kAdminDigest).body);
 }
 
 } // namespace

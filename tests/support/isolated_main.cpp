@@ -1,20 +1,17 @@
 // main() of every test binary: runs the tests only inside the private namespace of
 // tests/isolate.sh, where /mnt and /tmp are the test's own tmpfs mounts.
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <linux/magic.h>
 #include <sys/vfs.h>
 
 namespace {
 
-constexpr long kTmpfsMagic = 0x01021994;
-
 bool is_tmpfs(const char *path)
 {
     struct statfs st;
-    return statfs(path, &st) == 0 && st.f_type == kTmpfsMagic;
+    return statfs(path, &st) == 0 && st.f_type == TMPFS_MAGIC;
 }
 
 // The initial user namespace maps the whole 32-bit range onto itself.

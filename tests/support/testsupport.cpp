@@ -1,78 +1,86 @@
 #include "testsupport.h"
 
+#include "common/owners.h"
+
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <curl/curl.h>
+#include <curl/header.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <netinet/in.h>
+#include <gtest/gtest.h>
+#include <iterator>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <utility>
 
 namespace fs = std::filesystem;
 
 namespace ts {
 
+namespace {
+
+// Whether done() holds within timeout_ms, looked at every 10 ms.
+bool eventually(const std::function<bool()> &done, int timeout_ms)
+{
+    for (long long end = now_ms() + timeout_ms; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        if (now_ms() > end)
+            return false;
+    return true;
+}
+
+sockaddr_in address(const std::string &host, int port)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
+    return addr;
+}
+
+bool connect_to(int fd, const std::string &host, int port)
+{
+    sockaddr_in addr = address(host, port);
+    return connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+}
+
+} // namespace
+
 std::string bin_path(const std::string &name) { return std::string(WEB_BIN_DIR) + "/" + name; }
-std::string source_path(const std::string &relative) { return std::string(WEB_SOURCE_DIR) + "/" + relative; }
 
 void write_file(const std::string &path, const std::string &content, mode_t mode)
 {
-    fs::path p(path);
-    if (p.has_parent_path())
-        fs::create_directories(p.parent_path());
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0)
+    fs::create_directories(fs::path(path).parent_path());
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    if (!fd || write(fd.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
         throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
-    size_t off = 0;
-    while (off < content.size()) {
-        ssize_t n = write(fd, content.data() + off, content.size() - off);
-        if (n <= 0) {
-            close(fd);
-            throw std::runtime_error("short write to " + path);
-        }
-        off += static_cast<size_t>(n);
-    }
-    close(fd);
 }
 
 std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-long file_size(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
-}
+bool exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
 
 void make_dirs(const std::string &path, mode_t mode)
 {
     fs::create_directories(path);
     chmod(path.c_str(), mode);
+}
+
+void make_file(const std::string &path, unsigned long long size)
+{
+    write_file(path, "");
+    fs::resize_file(path, size);
 }
 
 void remove_tree(const std::string &path)
@@ -84,18 +92,33 @@ void remove_tree(const std::string &path)
 void reset_device_tree()
 {
     std::error_code ec;
-    for (const char *top : {"/mnt", "/tmp"}) {
+    for (const char *top : {"/mnt", "/tmp"})
         for (auto &entry : fs::directory_iterator(top, ec)) {
-            std::string name = entry.path().filename();
-            if (name == "standins.log")
-                continue;
             // The repository may be bind-mounted under /tmp when the checkout lives there.
-            if (std::string(WEB_SOURCE_DIR).rfind(entry.path().string() + "/", 0) == 0 ||
-                std::string(WEB_BIN_DIR).rfind(entry.path().string() + "/", 0) == 0)
-                continue;
-            fs::remove_all(entry.path(), ec);
+            std::string inside = entry.path().string() + "/";
+            if (entry.path().filename() != "standins.log" && std::string(WEB_SOURCE_DIR).rfind(inside, 0) != 0 &&
+                std::string(WEB_BIN_DIR).rfind(inside, 0) != 0)
+                fs::remove_all(entry.path(), ec);
         }
-    }
+}
+
+void lay_out_demo_tree()
+{
+    reset_device_tree();
+    make_dirs("/mnt/app");
+    make_dirs("/mnt/usr/config");
+    fs::copy(WEB_SOURCE_DIR "/demo/web_root", "/mnt/app/web_root", fs::copy_options::recursive);
+    fs::copy(WEB_SOURCE_DIR "/demo/usr/config/app_parameters", "/mnt/usr/config/app_parameters",
+             fs::copy_options::recursive);
+    fs::remove(kPortFile);
+}
+
+size_t occurrences(const std::string &text, const std::string &part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
 }
 
 Capture::Capture(int fd) : fd_(fd)
@@ -111,8 +134,6 @@ Capture::Capture(int fd) : fd_(fd)
     close(out);
 }
 
-Capture::~Capture() { text(); }
-
 std::string Capture::text()
 {
     if (!done_) {
@@ -126,6 +147,45 @@ std::string Capture::text()
     return text_;
 }
 
+bool has_error(const std::string &err, const std::string &message, const std::string &func)
+{
+    return err.find((func.empty() ? "" : ", " + func) + ">: " + message + "\033[0m") != std::string::npos;
+}
+
+Outcome call(const std::function<int(char **)> &handler)
+{
+    Outcome o;
+    char *text = nullptr;
+    {
+        Capture err(2), out(1);
+        o.rc = handler(&text);
+        o.out = out.text();
+        o.err = err.text();
+    }
+    HeapText owner(text);
+    o.reply = text ? text : "<null>";
+    return o;
+}
+
+Outcome call(int (*handler)(const char *, char **), const char *body)
+{
+    return call([&](char **out) { return handler(body, out); });
+}
+
+std::string envelope(const char *result, const char *reason, int code, const char *raw_params)
+{
+    CJsonPtr obj(cJSON_CreateObject());
+    cJSON_AddStringToObject(obj.get(), "Result", result);
+    if (code)
+        cJSON_AddNumberToObject(obj.get(), "ErrorNo", code);
+    if (reason)
+        cJSON_AddStringToObject(obj.get(), "Reason", reason);
+    if (raw_params)
+        cJSON_AddRawToObject(obj.get(), "Parameters", raw_params);
+    HeapText text(cJSON_Print(obj.get()));
+    return text.get();
+}
+
 Process::Process(const std::vector<std::string> &argv, const std::string &log_path) : log_path_(log_path)
 {
     std::vector<char *> args;
@@ -133,282 +193,234 @@ Process::Process(const std::vector<std::string> &argv, const std::string &log_pa
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
     fflush(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
+    if ((pid_ = fork()) == 0) {
         int fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
         setpgid(0, 0);
         execv(args[0], args.data());
         _exit(127);
     }
 }
 
-Process::Process(Process &&other) noexcept { *this = std::move(other); }
-
 Process &Process::operator=(Process &&other) noexcept
 {
-    if (this != &other) {
-        stop();
-        pid_ = std::exchange(other.pid_, -1);
-        status_ = other.status_;
-        log_path_ = other.log_path_;
-    }
+    stop();
+    pid_ = std::exchange(other.pid_, -1);
+    status_ = other.status_;
+    log_path_ = other.log_path_;
     return *this;
 }
 
-Process::~Process() { stop(); }
-
 bool Process::running()
 {
-    if (pid_ <= 0)
-        return false;
     int st;
-    pid_t r = waitpid(pid_, &st, WNOHANG);
-    if (r == pid_) {
+    if (pid_ > 0 && waitpid(pid_, &st, WNOHANG) == pid_) {
         status_ = st;
         pid_ = -1;
-        return false;
     }
-    return true;
+    return pid_ > 0;
 }
 
 int Process::wait(int timeout_ms)
 {
-    long long end = now_ms() + timeout_ms;
-    while (running()) {
-        if (now_ms() > end)
-            return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return status_;
+    return eventually([this] { return !running(); }, timeout_ms) ? status_ : -1;
 }
 
 void Process::stop(int sig)
 {
-    if (pid_ <= 0)
-        return;
-    kill(pid_, sig);
-    if (wait(5000) < 0) {
+    if (pid_ > 0 && (kill(pid_, sig), wait(5000) < 0)) {
         kill(pid_, SIGKILL);
         wait(5000);
     }
 }
 
-std::string Process::log() const { return read_file(log_path_); }
-
 bool Process::wait_for_log(const std::string &text, int timeout_ms) const
 {
-    long long end = now_ms() + timeout_ms;
-    while (log().find(text) == std::string::npos) {
-        if (now_ms() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return eventually([&] { return log().find(text) != std::string::npos; }, timeout_ms);
 }
 
 int run(const std::vector<std::string> &argv, std::string *output, int timeout_ms)
 {
     char tmpl[] = "/tmp/run-XXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd >= 0)
-        close(fd);
-    int status;
-    {
-        Process p(argv, tmpl);
-        status = p.wait(timeout_ms);
-        if (status < 0)
-            p.stop(SIGKILL);
-        if (output)
-            *output = p.log();
-    }
+    close(mkstemp(tmpl));
+    Process p(argv, tmpl);
+    int status = p.wait(timeout_ms);
+    p.stop(SIGKILL);
+    if (output)
+        *output = p.log();
     unlink(tmpl);
     return status;
 }
 
+Process start_server(const std::vector<std::string> &args)
+{
+    int port = args.empty() ? 0 : static_cast<int>(strtol(args[0].c_str(), nullptr, 10));
+    if (port > 0 && port < 65536 && exists("/mnt/usr/config/app_parameters") && !exists(kPortFile))
+        write_file(kPortFile, "{\n\t\"Port\":\t" + std::to_string(port) + "\n}");
+    std::vector<std::string> argv{bin_path("webserver")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return Process(argv, "/tmp/webserver.log");
+}
+
+Process start_sim(const std::string &scenario_json)
+{
+    std::vector<std::string> argv = {bin_path("devicesim"), "/mnt/app/web_root/config/command_para"};
+    if (!scenario_json.empty()) {
+        write_file("/tmp/scenario.json", scenario_json);
+        argv.push_back("/tmp/scenario.json");
+    }
+    Process sim(argv, "/tmp/devicesim.log");
+    EXPECT_TRUE(sim.wait_for_log("devicesim: ready\n", 5000)) << sim.log();
+    return sim;
+}
+
 bool port_accepts(const std::string &host, int port)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
-    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    close(fd);
-    return ok;
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connect_to(fd.get(), host, port);
 }
 
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms)
 {
-    long long end = now_ms() + timeout_ms;
-    while (port_accepts(host, port) != open) {
-        if (now_ms() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return eventually([&] { return port_accepts(host, port) == open; }, timeout_ms);
 }
 
 int free_port()
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr = address("127.0.0.1", 0);
     socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    close(fd);
+    bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    getsockname(fd.get(), reinterpret_cast<sockaddr *>(&addr), &len);
     return ntohs(addr.sin_port);
 }
 
-namespace {
-
-size_t collect_body(char *data, size_t size, size_t n, void *user)
-{
-    static_cast<std::string *>(user)->append(data, size * n);
-    return size * n;
-}
-
-size_t collect_header(char *data, size_t size, size_t n, void *user)
-{
-    std::string line(data, size * n);
-    size_t colon = line.find(':');
-    if (colon != std::string::npos) {
-        std::string name = line.substr(0, colon);
-        for (auto &c : name)
-            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-        std::string value = line.substr(colon + 1);
-        while (!value.empty() && (value.front() == ' '))
-            value.erase(0, 1);
-        while (!value.empty() && (value.back() == '\r' || value.back() == '\n'))
-            value.pop_back();
-        (*static_cast<std::map<std::string, std::string> *>(user))[name] = value;
-    }
-    return size * n;
-}
-
-struct CurlGlobal {
-    CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-    ~CurlGlobal() { curl_global_cleanup(); }
-};
-
-} // namespace
+std::string local_url(int port, const std::string &path) { return "http://127.0.0.1:" + std::to_string(port) + path; }
 
 HttpReply http(const HttpRequest &req)
 {
-    static CurlGlobal global;
+    static const CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
+    (void)global;
     HttpReply reply;
-    CURL *c = curl_easy_init();
-    curl_slist *headers = nullptr;
-    curl_mime *mime = nullptr;
-    FILE *body_file = nullptr;
-    curl_easy_setopt(c, CURLOPT_URL, req.url.c_str());
-    curl_easy_setopt(c, CURLOPT_PATH_AS_IS, 1L);
-    curl_easy_setopt(c, CURLOPT_NOPROXY, "*");
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, req.timeout_ms);
-    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect_body);
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, &reply.body);
-    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, collect_header);
-    curl_easy_setopt(c, CURLOPT_HEADERDATA, &reply.headers);
+    std::unique_ptr<CURL, void (*)(CURL *)> c(curl_easy_init(), curl_easy_cleanup);
+    std::unique_ptr<curl_slist, void (*)(curl_slist *)> headers(nullptr, curl_slist_free_all);
+    std::unique_ptr<curl_mime, void (*)(curl_mime *)> mime(nullptr, curl_mime_free);
+    FilePtr body_file;
+    auto add_header = [&](const std::string &h) { headers.reset(curl_slist_append(headers.release(), h.c_str())); };
+    size_t (*collect)(char *, size_t, size_t, void *) = [](char *data, size_t size, size_t n, void *body) {
+        static_cast<std::string *>(body)->append(data, size * n);
+        return size * n;
+    };
+    curl_easy_setopt(c.get(), CURLOPT_URL, req.url.c_str());
+    curl_easy_setopt(c.get(), CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(c.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(c.get(), CURLOPT_TIMEOUT_MS, req.timeout_ms);
+    curl_easy_setopt(c.get(), CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(c.get(), CURLOPT_WRITEDATA, &reply.body);
     for (auto &h : req.headers)
-        headers = curl_slist_append(headers, h.c_str());
+        add_header(h);
     if (!req.upload_path.empty()) {
-        mime = curl_mime_init(c);
-        curl_mimepart *part = curl_mime_addpart(mime);
-        curl_mime_name(part, req.upload_field.empty() ? "file" : req.upload_field.c_str());
+        mime.reset(curl_mime_init(c.get()));
+        curl_mimepart *part = curl_mime_addpart(mime.get());
+        curl_mime_name(part, "file");
         curl_mime_filedata(part, req.upload_path.c_str());
-        if (!req.upload_name.empty())
-            curl_mime_filename(part, req.upload_name.c_str());
-        if (!req.upload_type.empty())
-            curl_mime_type(part, req.upload_type.c_str());
-        curl_easy_setopt(c, CURLOPT_MIMEPOST, mime);
+        curl_mime_filename(part, req.upload_name.c_str());
+        curl_mime_type(part, req.upload_type.c_str());
+        curl_easy_setopt(c.get(), CURLOPT_MIMEPOST, mime.get());
     } else if (!req.body_file.empty()) {
-        body_file = fopen(req.body_file.c_str(), "rb");
-        curl_easy_setopt(c, CURLOPT_POST, 1L);
-        curl_easy_setopt(c, CURLOPT_READDATA, body_file);
-        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(file_size(req.body_file)));
-        headers = curl_slist_append(headers, "Expect:");
+        body_file.reset(fopen(req.body_file.c_str(), "rb"));
+        curl_easy_setopt(c.get(), CURLOPT_POST, 1L);
+        curl_easy_setopt(c.get(), CURLOPT_READDATA, body_file.get());
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(fs::file_size(req.body_file)));
+        add_header("Expect:");
     } else if (req.method == "POST") {
-        curl_easy_setopt(c, CURLOPT_POSTFIELDS, req.body.c_str());
-        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(req.body.size()));
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDS, req.body.c_str());
+        curl_easy_setopt(c.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(req.body.size()));
     }
     if (req.method == "HEAD")
-        curl_easy_setopt(c, CURLOPT_NOBODY, 1L);
+        curl_easy_setopt(c.get(), CURLOPT_NOBODY, 1L);
     else if (req.method != "GET" && req.method != "POST")
-        curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, req.method.c_str());
-    if (headers)
-        curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
-    CURLcode rc = curl_easy_perform(c);
-    if (rc == CURLE_OK)
-        curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &reply.status);
-    else
-        reply.error = curl_easy_strerror(rc);
-    if (body_file)
-        fclose(body_file);
-    curl_mime_free(mime);
-    curl_slist_free_all(headers);
-    curl_easy_cleanup(c);
+        curl_easy_setopt(c.get(), CURLOPT_CUSTOMREQUEST, req.method.c_str());
+    curl_easy_setopt(c.get(), CURLOPT_HTTPHEADER, headers.get());
+    curl_easy_perform(c.get());
+    curl_easy_getinfo(c.get(), CURLINFO_RESPONSE_CODE, &reply.status);
+    for (curl_header *h = nullptr; (h = curl_easy_nextheader(c.get(), CURLH_HEADER, -1, h));) {
+        std::string name = h->name;
+        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+        reply.headers[name] = h->value;
+    }
     return reply;
-}
-
-HttpReply http_get(const std::string &url)
-{
-    HttpRequest req;
-    req.url = url;
-    return http(req);
-}
-
-HttpReply http_post(const std::string &url, const std::string &body)
-{
-    HttpRequest req;
-    req.method = "POST";
-    req.url = url;
-    req.body = body;
-    return http(req);
 }
 
 std::string raw_http(int port, const std::string &request, int timeout_ms)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     std::string got;
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
-        size_t off = 0;
-        while (off < request.size()) {
-            ssize_t n = send(fd, request.data() + off, request.size() - off, MSG_NOSIGNAL);
-            if (n <= 0)
-                break;
-            off += static_cast<size_t>(n);
-        }
-        long long end = now_ms() + timeout_ms;
-        char buf[65536];
-        while (now_ms() < end) {
-            pollfd p{fd, POLLIN, 0};
-            if (poll(&p, 1, 50) <= 0)
-                continue;
-            ssize_t n = recv(fd, buf, sizeof buf, 0);
-            if (n <= 0)
-                break;
-            got.append(buf, static_cast<size_t>(n));
-        }
+    if (!connect_to(fd.get(), "127.0.0.1", port))
+        return got;
+    for (ssize_t off = 0, n = 0; off < static_cast<ssize_t>(request.size()); off += n)
+        if ((n = send(fd.get(), request.data() + off, request.size() - off, MSG_NOSIGNAL)) <= 0)
+            break;
+    char buf[65536];
+    for (long long end = now_ms() + timeout_ms; now_ms() < end;) {
+        pollfd p{fd.get(), POLLIN, 0};
+        if (poll(&p, 1, 50) <= 0)
+            continue;
+        ssize_t n = recv(fd.get(), buf, sizeof buf, 0);
+        if (n <= 0)
+            break;
+        got.append(buf, static_cast<size_t>(n));
     }
-    close(fd);
     return got;
+}
+
+std::string status_line(const std::string &raw) { return raw.substr(0, raw.find("\r\n")); }
+
+int temp_files()
+{
+    int n = 0;
+    eventually([&n] {
+        n = 0;
+        for (auto &e : fs::directory_iterator("/tmp")) {
+            std::string name = e.path().filename();
+            n += name.starts_with("webs-") || name.starts_with(".upgrade-");
+        }
+        return n == 0;
+    }, 1000);
+    return n;
 }
 
 long long now_ms()
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+Device::Device(const std::string &scenario, const std::string &routes, int port) : port_(port)
+{
+    lay_out_demo_tree();
+    if (!routes.empty())
+        write_file("/mnt/app/web_root/config/command_para", routes);
+    sim_ = start_sim(scenario);
+    server_ = start_server({std::to_string(port), "lo"});
+    EXPECT_TRUE(wait_for_port("127.0.0.1", port, true)) << server_.log();
+}
+
+HttpReply Device::call(const std::string &action, const std::string &query, const std::string &body)
+{
+    return http({.method = "POST",
+                 .url = local_url(port_, "/action/device/" + action + (query.empty() ? "" : "?" + query)),
+                 .body = body});
+}
+
+std::string Device::login(int timeout)
+{
+    HttpReply r = call("login", "", std::string(R"({"username":"admin","password":")") + kAdminDigest +
+                                        R"(","timeout":)" + std::to_string(timeout) + "}");
+    size_t at = r.body.find("\"sessionid\":\t\"");
+    return at == std::string::npos ? "" : r.body.substr(at + 14, r.body.find('"', at + 14) - at - 14);
 }
 
 } // namespace ts

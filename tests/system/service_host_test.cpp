@@ -1,14 +1,61 @@
-// The service host in-process: the start and stop of the web server thread, the port
-// supervisor, and the language record that start-up reads and recreates.
+// The service host: the webserver binary's command line and start-up seen from outside, and
+// in-process the web server thread, the port supervisor and the language record.
 #include "actions/language_format.h"
-#include "server_support.h"
+#include "testsupport.h"
 #include "webserver/service.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace {
+
+const std::string kHelp = "---------------------------------------------\n"
+                          "./webserver \t\t\t:  using function  ==> eth0   80 \n"
+                          "./webserver 88\t\t\t:  using function  ==> eth0   88 (Custom port) \n"
+                          "./webserver 88\tlo\t\t:  using function  ==> lo\t  88  127.0.0.1  88(Custom port) \n"
+                          "---------------------------------------------\n";
+
+TEST(WebserverBinary, HelpWordsAndThreeArgumentsPrintTheHelpAndExit)
+{
+    const std::string web = ts::bin_path("webserver");
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{web, "h"}, kHelp}, {{web, "help"}, kHelp}, {{web, "hello"}, kHelp},
+        {{web, "88", "eth0", "x"}, "http_port 88\r\ninterfaces_name eth0\r\n" + kHelp},
+        // The interface name is cut to 7 characters, the port read as atoi reads it.
+        {{web, "x1", "eth0-and-more", "x"}, "http_port 0\r\ninterfaces_name eth0-an\r\n" + kHelp},
+    };
+    for (const auto &[argv, printed] : cases) {
+        std::string out;
+        int status = ts::run(argv, &out, 5000);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << argv[1];
+        EXPECT_EQ(printed, out) << argv[1];
+    }
+}
+
+TEST(WebserverBinary, InterfaceChoosesTheAddressAndFailuresToListenAreReported)
+{
+    ts::lay_out_demo_tree();
+    {
+        ts::Process server = ts::start_server({"88", "lo"});
+        ASSERT_TRUE(ts::wait_for_port("127.0.0.1", 88, true)) << server.log();
+        EXPECT_FALSE(ts::port_accepts("192.0.2.10", 88));
+    }
+    ts::remove_tree(ts::kPortFile);  // the next servers' port is stored anew
+    int port = ts::free_port();
+    {
+        ts::Process server = ts::start_server({std::to_string(port), "wlan0"});
+        ASSERT_TRUE(ts::wait_for_port("192.0.2.10", port, true)) << server.log();
+        EXPECT_TRUE(ts::port_accepts("127.0.0.1", port));  // "http://*:PORT" listens everywhere
+        EXPECT_NE(std::string::npos, server.log().find("invalid interface name:wlan0   edit default eth0 \n"));
+        ts::Process second({ts::bin_path("webserver"), std::to_string(port), "eth0"}, "/tmp/second.log");
+        EXPECT_TRUE(second.wait_for_log("Cannot listen http://*:" + std::to_string(port), 5000)) << second.log();
+    }
+    ts::Process missing = ts::start_server({std::to_string(port), "eth1"});
+    EXPECT_TRUE(missing.wait_for_log("Cannot ioctl SIOCGIFADDR errno 19", 5000)) << missing.log();
+    EXPECT_FALSE(ts::port_accepts("127.0.0.1", port));
+    EXPECT_TRUE(missing.running());  // the supervisor goes on
+}
 
 class ServiceHost : public ::testing::Test {
 protected:
@@ -22,111 +69,55 @@ protected:
     }
     void TearDown() override { web_service_stop(); }
 
-    // Starts the server and waits until it serves.
     void start()
     {
         ASSERT_EQ(0, web_service_start(&params));
-        ASSERT_TRUE(ts::wait_for_port("127.0.0.1", params.http_port, true, 5000));
-    }
-
-    static LanguageFormat read_record()
-    {
-        LanguageFormat record;
-        memset(&record, 0xff, sizeof record);
-        std::string bytes = ts::read_file(WEB_LANGUAGE_FILE);
-        memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
-        return record;
+        ASSERT_TRUE(ts::wait_for_port("127.0.0.1", params.http_port, true));
     }
 
     int port = 0;
     WebParams params{};
 };
 
-TEST_F(ServiceHost, StartWhileRunningIsRefusedAndStopWithoutServerDoesNothing)
+// The move itself is proven through the binary (the web port test); here what it cannot reach.
+TEST_F(ServiceHost, SupervisorStopsTheServerOnAnUnusablePortAndStartsAreRefusedWhileOneRuns)
 {
-    EXPECT_EQ(0, web_service_stop());
+    EXPECT_EQ(0, web_service_stop());  // no server: nothing to do
     start();
     EXPECT_EQ(-14, web_service_start(&params));
-    EXPECT_EQ(0, web_service_stop());
-    EXPECT_EQ(1, finished.load());
-    EXPECT_EQ(-1, listen_http_sid_ipv4.load());
-    EXPECT_FALSE(ts::port_accepts("127.0.0.1", port));
-
-    WebParams bad = params;
-    bad.https_port = -1;  // taken as unsigned: far above 65535
-    EXPECT_EQ(-2, web_service_start(&bad));
-}
-
-TEST(PortArgument, IsReadTheWayAtoiReadsIt)
-{
-    const std::pair<const char *, int> cases[] = {
-        {"88", 88}, {"  88x", 88}, {"+7", 7}, {"-5", -5}, {"abc", 0}, {"", 0},
-        {"99999999999", 2147483647}, {"-99999999999", -2147483647 - 1},
-    };
-    for (auto &[text, port] : cases)
-        EXPECT_EQ(port, http_port_from_text(text)) << text;
-}
-
-TEST_F(ServiceHost, SupervisorMovesTheServerToTheNewPort)
-{
-    start();
-    int next = ts::free_port();
-    HTTP_WEB_PORT = next;
-    long long begin = ts::now_ms();
-    ts::Capture out(1);
-    supervise_once(&params);
-    EXPECT_TRUE(ts::wait_for_port("127.0.0.1", next, true, 3000));
-    EXPECT_LT(ts::now_ms() - begin, 4000);
-    EXPECT_FALSE(ts::port_accepts("127.0.0.1", port));
-    EXPECT_EQ(next, params.http_port);
-    EXPECT_EQ(0, out.text().rfind("HTTP_WEB_PORT=" + std::to_string(next) +
-                                  " web_params.http_port=" + std::to_string(port) + "\r\n", 0));
-
-    // Nothing changes while the ports agree.
-    supervise_once(&params);
-    EXPECT_TRUE(ts::port_accepts("127.0.0.1", next));
-}
-
-TEST_F(ServiceHost, PortOutOfRangeStopsTheServerAndStartsNone)
-{
-    start();
+    supervise_once(&params);  // nothing changes while the ports agree
+    EXPECT_TRUE(ts::port_accepts("127.0.0.1", port));
     HTTP_WEB_PORT = 65536;
     supervise_once(&params);
     EXPECT_EQ(65536, params.http_port);
     EXPECT_EQ(1, finished.load());
+    EXPECT_EQ(-1, listen_http_sid_ipv4.load());
     EXPECT_FALSE(ts::port_accepts("127.0.0.1", port));
+    WebParams bad = {port, -1, "*", "lo"};  // an https port of -1, taken as unsigned: far above 65535
+    EXPECT_EQ(-2, web_service_start(&bad));
 }
 
-TEST_F(ServiceHost, MissingOrWronglySizedLanguageFileIsRecreated)
+TEST_F(ServiceHost, MissingOrWronglySizedLanguageFileIsRecreatedAndAValidOneKept)
 {
+    auto record = [](const char *language, int mode, const char *index) {
+        LanguageFormat r{};
+        memcpy(r.language, language, strlen(language));
+        r.mode = mode;
+        memcpy(r.index_page, index, strlen(index));
+        return std::string(reinterpret_cast<char *>(&r), sizeof r);
+    };
     for (int size : {-1, 259, 261}) {
         ts::remove_tree(WEB_LANGUAGE_FILE);
         if (size >= 0)
             ts::write_file(WEB_LANGUAGE_FILE, std::string(static_cast<size_t>(size), 'x'), 0640);
         start();
         ASSERT_EQ(0, web_service_stop());
-        ASSERT_EQ(260, ts::file_size(WEB_LANGUAGE_FILE)) << size;
-        LanguageFormat record = read_record();
-        EXPECT_STREQ("chinese", record.language);
-        EXPECT_EQ(0, record.mode);
-        EXPECT_STREQ("login.html", record.index_page);
-        EXPECT_EQ(std::string(128 - 8, '\0'), std::string(record.language + 8, 120));  // zero behind the text
+        EXPECT_EQ(record("chinese", 0, "login.html"), ts::read_file(WEB_LANGUAGE_FILE)) << size;
     }
-}
-
-TEST_F(ServiceHost, ValidLanguageFileIsLeftAsItIsAndTheIndexIsStillTheLoginPage)
-{
-    LanguageFormat record{};
-    strcpy(record.language, "english");
-    record.mode = -7;
-    strcpy(record.index_page, "other.html");
-    ts::write_file(WEB_LANGUAGE_FILE, std::string(reinterpret_cast<char *>(&record), sizeof record));
+    ts::write_file(WEB_LANGUAGE_FILE, record("english", -7, "other.html"));
     start();
-    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html"), ts::http_get(ts::local_url(port, "/")).body);
-    LanguageFormat stored = read_record();
-    EXPECT_STREQ("english", stored.language);
-    EXPECT_EQ(-7, stored.mode);
-    EXPECT_STREQ("other.html", stored.index_page);
+    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html"), ts::http({.url = ts::local_url(port, "/")}).body);
+    EXPECT_EQ(record("english", -7, "other.html"), ts::read_file(WEB_LANGUAGE_FILE));
 }
 
 TEST_F(ServiceHost, UnwritableLanguageFileGivesUpAfterBoundedTries)
@@ -137,11 +128,8 @@ TEST_F(ServiceHost, UnwritableLanguageFileGivesUpAfterBoundedTries)
     long long begin = ts::now_ms();
     start();
     EXPECT_LT(ts::now_ms() - begin, 4000);
-    std::string log = out.text();
-    EXPECT_NE(std::string::npos, log.find("ERROR :GET WEB_LANGUAGE_FILE failed!\n"));
-    EXPECT_NE(std::string::npos, log.find("WEB_LANGUAGE_FILE failed!\n"));
-    EXPECT_NE(std::string::npos, log.find("going on with the default language in memory"));
-    EXPECT_EQ(200, ts::http_get(ts::local_url(port, "/")).status);
+    EXPECT_NE(std::string::npos, out.text().find("going on with the default language in memory"));
+    EXPECT_EQ(200, ts::http({.url = ts::local_url(port, "/")}).status);
 }
 
 } // namespace

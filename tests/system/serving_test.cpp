@@ -1,0 +1,200 @@
+// Documents and request limits of the real server through a real HTTP client: index, HEAD, 304,
+// ranges, content types, paths that try to leave the document root, requests too large to take.
+#include "common/owners.h"
+#include "testsupport.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <thread>
+
+namespace {
+
+class Serving : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        ts::lay_out_demo_tree();
+        ts::write_file("/mnt/secret.txt", "TOPSECRET outside the root\n");
+        // Links: one leaving the root, one leading into the private config folder, one that
+        // stays inside and must keep working.
+        symlink("/mnt", "/mnt/app/web_root/out");
+        symlink("/mnt/secret.txt", "/mnt/app/web_root/sd/link.txt");
+        symlink("config", "/mnt/app/web_root/pub");
+        symlink("20240501/080000.mp4", "/mnt/app/web_root/sd/latest.mp4");
+        port = ts::free_port();
+        server = std::make_unique<ts::Process>(ts::start_server({std::to_string(port), "lo"}));
+        ASSERT_TRUE(ts::wait_for_port("127.0.0.1", port, true)) << server->log();
+    }
+    static void TearDownTestSuite() { server.reset(); }
+
+    static ts::HttpReply get(const std::string &path, const std::vector<std::string> &headers = {})
+    {
+        return ts::http({.url = ts::local_url(port, path), .headers = headers});
+    }
+    static std::string head_of_body(const std::string &method, const std::string &path, unsigned long long length)
+    {
+        return method + " " + path + " HTTP/1.1\r\nHost: x\r\nContent-Type: application/octet-stream\r\n"
+                                      "Connection: close\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+    }
+
+    static inline int port = 0;
+    static inline std::unique_ptr<ts::Process> server;
+};
+
+TEST_F(Serving, RootServesTheLoginPageHeadItsHeadersAnUnchangedPage304AndTypesByExtension)
+{
+    std::string page = ts::read_file("/mnt/app/web_root/login.html");
+    ts::HttpReply r = get("/");
+    EXPECT_EQ(page, r.body);
+    EXPECT_EQ("text/html; charset=utf-8", r.headers["content-type"]);
+    EXPECT_EQ("nosniff", r.headers["x-content-type-options"]);
+    ts::HttpReply h = ts::http({.method = "HEAD", .url = ts::local_url(port, "/login.html")});
+    EXPECT_EQ(200, h.status);
+    EXPECT_EQ("", h.body);
+    EXPECT_EQ(std::to_string(page.size()), h.headers["content-length"]);
+    ts::HttpReply again = get("/login.html", {"If-Modified-Since: " + h.headers["last-modified"]});
+    EXPECT_EQ(304, again.status);
+    EXPECT_EQ("", again.body);
+    EXPECT_EQ(200, get("/login.html", {"If-Modified-Since: Thu, 01 Jan 1998 00:00:00 GMT"}).status);
+    for (const char *missing : {"/sd/", "/sd", "/missing.html"})  // folders are not listed
+        EXPECT_EQ(404, get(missing).status) << missing;
+    for (auto [name, type] : {std::pair{"a.js", "application/javascript"}, {"a.JPEG", "image/jpeg"},
+                              {"a.h265", "video/h265"}, {"noext", "application/octet-stream"}}) {
+        ts::write_file(std::string("/mnt/app/web_root/types/") + name, "x");
+        EXPECT_EQ(type, get(std::string("/types/") + name).headers["content-type"]) << name;
+    }
+}
+
+TEST_F(Serving, ByteRangesOfARecordingAndNearTheEndOfAFileOver4GiB)
+{
+    const std::string path = "/sd/20240501/080000.mp4";
+    std::string whole = ts::read_file("/mnt/app/web_root" + path);
+    ASSERT_EQ(2048u, whole.size());
+    const struct {
+        const char *range;
+        long status;
+        std::string content_range, body;
+    } cases[] = {
+        {"bytes=10-19", 206, "bytes 10-19/2048", whole.substr(10, 10)},
+        {"bytes=2040-", 206, "bytes 2040-2047/2048", whole.substr(2040)},
+        {"bytes=-5", 206, "bytes 2043-2047/2048", whole.substr(2043)},
+        {"bytes=2000-99999", 206, "bytes 2000-2047/2048", whole.substr(2000)},
+        {"bytes=-99999", 206, "bytes 0-2047/2048", whole},
+        {"bytes=2048-", 416, "bytes */2048", ""},
+        {"bytes=-0", 416, "bytes */2048", ""},
+        {"bytes=0-1,5-6", 200, "", whole},
+        {"bytes=9-3", 200, "", whole},
+        {"items=0-3", 200, "", whole},  // the whole file
+    };
+    for (const auto &c : cases) {
+        ts::HttpReply r = get(path, {std::string("Range: ") + c.range});
+        EXPECT_EQ(c.status, r.status) << c.range;
+        EXPECT_EQ(c.content_range, r.headers["content-range"]) << c.range;
+        EXPECT_TRUE(c.status == 416 || c.body == r.body) << c.range;
+    }
+    UniqueFd fd(open("/mnt/app/web_root/sd/huge.h264", O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    ASSERT_EQ(0, ftruncate(fd.get(), 5LL << 30));
+    ASSERT_EQ(4, pwrite(fd.get(), "TAIL", 4, (5LL << 30) - 4));
+    ts::HttpReply tail = get("/sd/huge.h264", {"Range: bytes=5368709116-"});
+    EXPECT_EQ(206, tail.status);
+    EXPECT_EQ("TAIL", tail.body);
+    EXPECT_EQ("bytes 5368709116-5368709119/5368709120", tail.headers["content-range"]);
+    EXPECT_EQ("video/h264", tail.headers["content-type"]);
+}
+
+TEST_F(Serving, NoPathLeavesTheRootOrReachesThePrivateFolder)
+{
+    for (const char *path : {
+             "/../secret.txt", "/../../secret.txt", "/%2e%2e/secret.txt", "/%2E%2E/%2E%2E/secret.txt",
+             "/.%2e/secret.txt", "/%2e./secret.txt", "/..%2fsecret.txt", "/..%2f..%2fsecret.txt",
+             "/sd/../../secret.txt", "/sd/%2e%2e/%2e%2e/secret.txt", "/sd/%2e%2e%2f%2e%2e%2fsecret.txt",
+             "/sd/20240501/../../../secret.txt", "/%252e%252e/secret.txt", "/..%5csecret.txt",
+             "/sd\\..\\..\\secret.txt", "/%c0%ae%c0%ae/secret.txt", "/login.html%00.txt", "/%00/../secret.txt",
+             "/out/secret.txt", "/out/app/web_root/config/auth.txt", "/sd/link.txt", "/config/auth.txt",
+             "/config/route.txt", "//config/auth.txt", "/./config/auth.txt", "/%63onfig/auth.txt",
+             "/config%2fauth.txt", "/sd/..%2f..%2fconfig/auth.txt", "/sd/./../config/auth.txt", "/pub/auth.txt",
+             "/pub/route.txt", "/config/", "/config"}) {
+        ts::HttpReply r = get(path);
+        EXPECT_TRUE(r.status >= 400 && r.status < 500) << path << " answered " << r.status;
+        for (const char *secret : {"TOPSECRET", "route uri=", "role name="})
+            EXPECT_EQ(std::string::npos, r.body.find(secret)) << path;
+    }
+    EXPECT_EQ(200, get("/sd/latest.mp4").status);  // a link that stays inside the root
+}
+
+TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
+{
+    std::string target = "/action/device/login?pad=";
+    target += std::string(2048 - target.size(), 'a');
+    EXPECT_EQ(200, get(target).status);
+    EXPECT_EQ(414, get(target + "a").status);
+    EXPECT_EQ(414, get(target + std::string(100000, 'a')).status);  // refused by the HTTP engine itself
+    EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large",
+              ts::status_line(
+                  ts::raw_http(port, "GET / HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n")));
+    EXPECT_EQ("HTTP/1.1 413 Content Too Large",
+              ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/set_user_param", 268435457))));
+
+    ts::write_file("/tmp/big.png", std::string(4 * 1024 * 1024 + 1, 'p'));
+    ts::HttpRequest req{.method = "POST", .url = ts::local_url(port, "/action/device/upload_Image?fileName=a.png"),
+                        .upload_path = "/tmp/big.png", .upload_name = "a.png", .upload_type = "image/png"};
+    EXPECT_EQ(413, ts::http(req).status);
+    req.headers = {"Transfer-Encoding: chunked"};  // no length to check beforehand
+    EXPECT_EQ(413, ts::http(req).status);
+    EXPECT_EQ(0, ts::temp_files());
+}
+
+// A connection that stays open while the test sends a body piece by piece.
+UniqueFd connection(int port)
+{
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{.sin_family = AF_INET,
+                     .sin_port = htons(static_cast<uint16_t>(port)),
+                     .sin_addr = {htonl(INADDR_LOOPBACK)},
+                     .sin_zero = {}};
+    EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    return fd;
+}
+
+// Bytes of data the server took before it closed the connection (all when it never did).
+size_t send_all(const UniqueFd &fd, const std::string &data)
+{
+    size_t off = 0;
+    for (ssize_t n; off < data.size() && (n = send(fd.get(), data.data() + off, data.size() - off, MSG_NOSIGNAL)) > 0;)
+        off += static_cast<size_t>(n);
+    return off;
+}
+
+TEST_F(Serving, BodiesNobodyUsesAreDroppedAndBodiesWaitingInFilesAreBoundedTogether)
+{
+    UniqueFd document = connection(port);
+    send_all(document, head_of_body("GET", "/login.html", 1ull << 40));
+    size_t taken = 0;
+    std::string block(1 << 20, 'b');
+    for (int i = 0; i < 64 && taken == block.size() * i; ++i)
+        taken += send_all(document, block);
+    EXPECT_LT(taken, 48u << 20) << "the server kept reading a body nobody uses";
+
+    // Bodies are taken in before any session is checked: one image of the largest size may
+    // wait in /tmp, a second large body beside it is refused, before it is sent if it can be.
+    const unsigned long long image = 200ull << 20;
+    UniqueFd first = connection(port);
+    send_all(first, head_of_body("POST", "/action/device/login", 256ull << 20) + std::string(1 << 20, 'i'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable",
+              ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/StartUpgrade", image), 2000)));
+    std::string chunked = "POST /action/device/StartUpgrade HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                          "Transfer-Encoding: chunked\r\n\r\n";
+    for (int i = 0; i < 24; ++i)
+        chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(port, chunked + "0\r\n\r\n", 5000)));
+    // Once the first client is gone, its room is free again: the next body is awaited.
+    first.reset();  // closes the connection
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ("", ts::raw_http(port, head_of_body("POST", "/action/device/StartUpgrade", image), 300));
+    EXPECT_EQ(0, ts::temp_files());
+}
+
+} // namespace

@@ -1,0 +1,234 @@
+// Watermark uploads and firmware upgrades through the real binary and the simulator: what is
+// checked, what is stored where, and what every refusal leaves behind.
+#include "testsupport.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <set>
+
+namespace {
+
+using ts::coded;
+
+const std::string kWatermark = "/mnt/app/web_root/images/watermark/";
+
+std::string be32(uint32_t v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
+std::string le32(uint32_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }
+std::string padded(std::string head, size_t size, char fill) { return head.resize(size, fill), head; }
+
+// Signature, IHDR chunk head and the two dimensions.
+std::string png(uint32_t width, uint32_t height, size_t size = 2048)
+{
+    return padded(std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16) + be32(width) + be32(height), size, '\x7f');
+}
+
+std::string bmp(int32_t width, int32_t height)
+{
+    return padded("BM" + le32(4096) + std::string(12, '\0') + le32(uint32_t(width)) + le32(uint32_t(height)), 4096, 0);
+}
+
+// A start of image and a frame header of 4000 x 3000 pixels: far above the picture limits,
+// which a JPEG is not measured against.
+std::string jpeg(size_t size = 4096)
+{
+    return padded(std::string("\xff\xd8\xff\xc0\x00\x11\x08\x0b\xb8\x0f\xa0", 11), size, 'U');
+}
+
+// Names in the watermark directory, hidden ones left out (the shell's "*" leaves them too).
+std::set<std::string> watermark_files()
+{
+    std::set<std::string> names;
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator(kWatermark, ec))
+        if (e.path().filename().string()[0] != '.')
+            names.insert(e.path().filename().string());
+    return names;
+}
+
+// Earlier images and a stray file, all of which any upload request must clear away.
+void plant_old_images()
+{
+    ts::make_dirs(kWatermark, 0700);
+    for (const char *name : {"old.png", "older.jpg", "notes.txt"})
+        ts::write_file(kWatermark + name, "old");
+}
+
+class Watermark : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { dev = std::make_unique<ts::Device>(); }
+    static void TearDownTestSuite() { dev.reset(); }
+
+    static ts::HttpReply upload(const std::string &query, const std::string &picture, const std::string &type)
+    {
+        ts::write_file("/tmp/picture", picture);
+        return ts::http({.method = "POST", .url = ts::local_url(8080, "/action/device/upload_Image?" + query),
+                         .upload_path = "/tmp/picture", .upload_name = "picture", .upload_type = type});
+    }
+
+    static inline std::unique_ptr<ts::Device> dev;
+};
+
+TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
+{
+    std::string sid = dev->login();
+    const std::string ok = ts::plain_ok(), sizes = coded(-1, "Upload files up to size  MAX:1M  MIN:1K"),
+                      bad_name = coded(-1, "Invalid upload file name"), name254 = std::string(250, 'n') + ".jpg";
+    auto too_large = [](const std::string &current) {
+        return coded(-1, "Upload file failed! MAX picture[1920x1080],Current picture[" + current + "] \n");
+    };
+    std::string png_bad_head = png(640, 480), png_bad_tail = png(640, 480);
+    png_bad_head[1] = 'p';
+    png_bad_tail[6] = '\n';
+    const struct {
+        std::string picture, type, file_name, reply, stored;
+    } cases[] = {
+        {png(1920, 1080, 1024), "image/png", "a%20b.png", ok, "a b.png"},  // smallest size, largest PNG
+        {png(640, 480, 1023), "image/png", "small.png", sizes, ""},
+        {jpeg(2073600), "image/jpeg", "big.jpg", ok, "big.jpg"},
+        {jpeg(2073601), "image/jpeg", "big.jpg", sizes, ""},
+        {png(1921, 1080), "image/png", "w.png", too_large("1921x1080"), ""},
+        {png(1920, 1081), "image/png", "h.png", too_large("1920x1081"), ""},
+        {png(0, 1080), "image/png", "z.png", too_large("0x1080"), ""},
+        {png_bad_head, "image/png", "s.png", coded(-1, "Upload file failed! png format error!\n"), ""},
+        {png_bad_tail, "image/png", "s.png", coded(-1, "Upload png file failed"), ""},
+        {jpeg(), "image/jpeg", "photo.jpeg", ok, "photo.jpeg"},
+        {bmp(1920, 1080), "image/bmp", "logo.bmp", ok, "logo.bmp"},
+        {bmp(640, -480), "image/bmp", "td.bmp", too_large("640x-480"), ""},  // stored top-down
+        {png(640, 480), "image/gif", "anim.gif", coded(-1, "Invalid upload file type, Only support: .jpg .png .bmp"),
+         ""},
+        {jpeg(), "image/jpeg", name254, ok, name254},
+        {jpeg(), "image/jpeg", "n" + name254, coded(-1, "upload file name max length!  max length 256 byte"), ""},
+        {jpeg(), "image/jpeg", "..%2fx.png", bad_name, ""},
+        {jpeg(), "image/jpeg", "%2e%2e", bad_name, ""},
+        {jpeg(), "image/jpeg", "a%2fb.png", bad_name, ""},
+        {jpeg(), "image/jpeg", "a%00.png.txt", bad_name, ""},
+        {jpeg(), "image/jpeg", "", coded(-1, "upload file name cannot be empty"), ""},
+    };
+    for (const auto &c : cases) {
+        plant_old_images();
+        std::string query = "sessionid=" + sid + (c.file_name.empty() ? "" : "&fileName=" + c.file_name);
+        EXPECT_EQ(c.reply, upload(query, c.picture, c.type).body) << c.file_name;
+        std::set<std::string> stored = c.stored.empty() ? std::set<std::string>{} : std::set<std::string>{c.stored};
+        EXPECT_EQ(stored, watermark_files()) << c.file_name;
+        EXPECT_TRUE(c.stored.empty() || ts::read_file(kWatermark + c.stored) == c.picture) << c.file_name;
+    }
+    EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/x.png"));
+    EXPECT_FALSE(ts::exists(kWatermark + "a"));
+
+    // A missing directory is made, for its owner only.
+    ts::remove_tree(kWatermark);
+    EXPECT_EQ(ok, upload("sessionid=" + sid + "&fileName=new.jpg", jpeg(), "image/jpeg").body);
+    EXPECT_EQ(0700u, static_cast<unsigned>(std::filesystem::status(kWatermark).permissions()));
+    EXPECT_EQ(std::set<std::string>{"new.jpg"}, watermark_files());
+}
+
+TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndEveryRequestEmptiesTheDirectory)
+{
+    const std::string digest = ts::kAdminDigest, refused = coded(-1, "Invalid username or password");
+    std::string upper = digest;
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    const std::pair<std::string, std::string> callers[] = {
+        {"", coded(-16, "Session ID is empty")},
+        {"username=admin&password=" + digest + "&", ts::plain_ok()},  // 32 characters: the stored digest
+        {"username=admin&password=tavel&", ts::plain_ok()},           // any other password is digested first
+        {"username=admin&password=" + upper + "&", refused},          // the digest is compared as it stands
+        {"username=admin&password=" + digest.substr(1) + "&", refused},
+        {"username=nobody&password=" + digest + "&", refused},
+    };
+    for (const auto &[caller, reply] : callers) {
+        plant_old_images();
+        EXPECT_EQ(reply, upload(caller + "fileName=new.png", png(800, 600), "image/png").body) << caller;
+        EXPECT_EQ(reply == ts::plain_ok() ? std::set<std::string>{"new.png"} : std::set<std::string>{},
+                  watermark_files())
+            << caller;
+    }
+    // A request that carries no file part.
+    plant_old_images();
+    EXPECT_EQ(coded(-1, "Upload file failed"),
+              dev->call("upload_Image", "sessionid=" + dev->login() + "&fileName=new.png", png(800, 600)).body);
+    EXPECT_EQ(std::set<std::string>{}, watermark_files());
+}
+
+constexpr char kImage[] = "/tmp/upgrade";
+constexpr char kAnnouncement[] = R"("Parameters":{"UpgradeImageFile":"/tmp/upgrade"})";
+const std::string kFinalProgress =
+    "{\n\t\"Result\":\t\"OK\",\n\t\"Parameters\":\t{\n\t\t\"UpgradeProgressValue\":\t100\n\t}\n}";
+
+// An image of mib MiB whose every block differs, so a misplaced block shows.
+void write_image(const std::string &path, int mib)
+{
+    std::string image(static_cast<size_t>(mib) << 20, '\0');
+    for (size_t j = 0; j < image.size(); ++j)
+        image[j] = static_cast<char>((j + (j >> 20) * 7) % 251);
+    ts::write_file(path, image);
+}
+
+ts::HttpReply post_image(const std::string &query, const std::string &path)
+{
+    return ts::http({.url = ts::local_url(8080, "/action/device/StartUpgrade" + (query.empty() ? "" : "?" + query)),
+                     .body_file = path, .timeout_ms = 60000});
+}
+
+TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersStoreNothing)
+{
+    ts::Device dev;
+    std::string query = "sessionid=" + dev.login();
+    ts::write_file(kImage, "previous image");  // the empty body comes first: replaced whole
+    std::string small;
+    for (int i = 0; i < 3000; ++i)
+        small += static_cast<char>(i % 256);  // NUL bytes included: the body is no text
+    ts::write_file("/tmp/small.bin", small);
+    ts::write_file("/tmp/empty.bin", "");
+    write_image("/tmp/large.bin", 100);
+    for (const char *body : {"/tmp/empty.bin", "/tmp/small.bin", "/tmp/large.bin"}) {
+        EXPECT_EQ(kFinalProgress, post_image(query, body).body) << body;
+        EXPECT_EQ(0, ts::run({"/usr/bin/cmp", "-s", body, kImage})) << body;
+        EXPECT_EQ(0600u, static_cast<unsigned>(std::filesystem::status(kImage).permissions())) << body;
+    }
+    std::string status = ts::read_file("/proc/" + std::to_string(dev.server().pid()) + "/status");
+    long peak_kib = std::stol(status.substr(status.find("VmHWM:") + 6));
+    EXPECT_LT(peak_kib, 16 * 1024) << "a 100 MiB image must not pass through the server's memory";
+    EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
+    for (int value = 0; value <= 100; value += 20)
+        EXPECT_EQ(3u, ts::occurrences(dev.server().log(),
+                                      "http recv ProgressValue->valueint " + std::to_string(value) + "\n"));
+
+    write_image("/tmp/large.bin", 1);  // still above what is held in memory: spooled
+    ts::write_file(kImage, "current image");
+    const std::pair<std::string, std::string> refused[] = {
+        {"", coded(-16, "Session ID is empty")},
+        {"username=admin&password=wrong", ts::fail("Invalid username or password")},
+    };
+    for (const auto &[caller, reply] : refused)
+        for (const char *body : {"/tmp/small.bin", "/tmp/large.bin"}) {
+            EXPECT_EQ(reply, post_image(caller, body).body) << caller << " " << body;
+            EXPECT_EQ("current image", ts::read_file(kImage)) << caller << " " << body;
+        }
+    // A directory where the image goes cannot be replaced by it.
+    ts::remove_tree(kImage);
+    ts::make_dirs(std::string(kImage) + "/keep");
+    for (const char *body : {"/tmp/small.bin", "/tmp/large.bin"}) {
+        EXPECT_EQ(coded(550, "upgrade wirte fail"), post_image(query, body).body) << body;
+        EXPECT_TRUE(ts::exists(std::string(kImage) + "/keep")) << body;
+    }
+    EXPECT_EQ(0, ts::temp_files());
+    EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
+}
+
+// Routed to another application, "StartUpgrade" is relayed like any command and stores nothing.
+TEST(Upgrade, OnlyTheUpgradeApplicationsRouteStoresAnImage)
+{
+    ts::Device dev("", "VerifyPassword app_user ipc:///tmp/app_user.ipc\n"
+                       "StartUpgrade app_other ipc:///tmp/app_other.ipc\n");
+    std::string query = "sessionid=" + dev.login();
+    EXPECT_EQ(kFinalProgress, dev.call("StartUpgrade", query, R"({"Version":"2.1"})").body);
+    EXPECT_NE(std::string::npos, dev.sim().log().find(R"("Receiver":"app_other")"));
+    EXPECT_NE(std::string::npos, dev.sim().log().find(R"("Parameters":{"Version":"2.1"})"));
+    ts::write_file("/tmp/large.bin", std::string(100 * 1024, 'i'));  // more than is held in memory
+    EXPECT_EQ(413, post_image(query, "/tmp/large.bin").status);     // only an image may be that large
+    EXPECT_FALSE(ts::exists(kImage));
+}
+
+} // namespace

@@ -1,0 +1,268 @@
+// The routing file reader and exchanges with real nanomsg peers (the test's own, or the device
+// simulator). The request message itself is checked where an application receives it (relay test).
+#include "common/owners.h"
+#include "testsupport.h"
+#include "webserver/device_message.h"
+#include "webserver/msg_exchange.h"
+#include "webserver/routing_table.h"
+
+#include <atomic>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <nanomsg/nn.h>
+#include <nanomsg/pair.h>
+#include <nanomsg/reqrep.h>
+#include <thread>
+
+namespace {
+
+auto &table = http_protocol_command;
+
+bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+// Writes the routing file and reads it; what the reader wrote on stderr goes to *err.
+int load(const std::string &text, std::string *err = nullptr)
+{
+    ts::write_file(HTTP_COMMAND_FILE, text);
+    ts::Capture out(1), capture(2);
+    int rc = http_read_config_command();
+    if (err)
+        *err = capture.text();
+    return rc;
+}
+
+bool table_is_empty()
+{
+    static const http_protocol_receiver kZero[HTTP_PROTOCOL_MAX] = {};
+    return memcmp(table, kZero, sizeof kZero) == 0;
+}
+
+// A reply message {"Command", "Response"} with its terminating zero, as applications send it.
+std::string msg(const std::string &command, const std::string &response)
+{
+    return R"({"Command":")" + command + R"(","Response":)" + response + "}" + std::string(1, '\0');
+}
+
+std::string progress(int value, const std::string &command = "StartUpgrade")
+{
+    return msg(command, R"({"Result":"OK","Parameters":{"UpgradeProgressValue":)" + std::to_string(value) + "}}");
+}
+
+// A device application bound at url: the i-th request is answered with the messages of
+// answers[i]; later requests get no answer.
+class Peer {
+public:
+    Peer(const std::string &url, int protocol, std::vector<std::vector<std::string>> answers)
+        : sock_(nn_socket(AF_SP, protocol)), answers_(std::move(answers))
+    {
+        int poll_ms = 20;  // how often the peer looks whether the test is done with it
+        nn_setsockopt(sock_, NN_SOL_SOCKET, NN_RCVTIMEO, &poll_ms, sizeof poll_ms);
+        EXPECT_GE(nn_bind(sock_, url.c_str()), 0) << url << ": " << nn_strerror(nn_errno());
+        thread_ = std::thread([this] {
+            for (char *buf = nullptr; !stop_;) {
+                int got = nn_recv(sock_, &buf, NN_MSG, 0);
+                if (got < 0)
+                    continue;
+                std::lock_guard<std::mutex> lock(mutex_);
+                requests_.emplace_back(buf, static_cast<size_t>(got));
+                nn_freemsg(buf);
+                for (const std::string &reply : requests_.size() <= answers_.size() ? answers_[requests_.size() - 1]
+                                                                                    : std::vector<std::string>{})
+                    nn_send(sock_, reply.data(), reply.size(), 0);
+            }
+        });
+    }
+    ~Peer()
+    {
+        stop_ = true;
+        thread_.join();
+        nn_close(sock_);
+    }
+    std::vector<std::string> requests()  // as received, terminating zero included
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return requests_;
+    }
+
+private:
+    int sock_;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::vector<std::string> requests_;
+    std::vector<std::vector<std::string>> answers_;
+    std::thread thread_;
+};
+
+// Relays command as the dispatcher does (route lookup, exchange, close): the exchange's
+// result, or -1 when there is no route.
+int relay(const std::string &command, const std::string &payload, std::string *reply, std::string *reason = nullptr)
+{
+    int sock = -1, index = -1;
+    char receiver[HTTP_RECEIVER_NAME_SIZE] = "", why[HTTP_REASON_SIZE] = "", *out = nullptr;
+    if (http_protocol_matching(command.c_str(), &sock, receiver, &index, payload.c_str()) != 1)
+        return -1;
+    int rc = http_send_and_recv_app_codec(command.c_str(), why, payload.c_str(), &out, sock, receiver);
+    http_msg_socket_uninit(index);
+    HeapText owned(out);
+    *reply = out ? out : "";
+    if (reason)
+        *reason = why;
+    return rc;
+}
+
+TEST(RoutingTable, SpacingCrLfCommentsAndBlocksReadLikeTheCanonicalFile)
+{
+    for (const char *text : {"", "# a b c\n#x y ipc://z\n", "ab\n\n\nx\n"})
+        EXPECT_TRUE(load(text) == 0 && table_is_empty()) << text;
+    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\nSet app_a ipc:///tmp/a.ipc\nCap device_cap /c.json\n"));
+    EXPECT_STREQ("Set", table[0].command[1]);
+    EXPECT_STREQ("/c.json", table[1].cap_path[0]);
+    EXPECT_STREQ("", table[1].ipc_url);
+    http_protocol_receiver expected[HTTP_PROTOCOL_MAX];
+    memcpy(expected, table, sizeof expected);
+    for (const char *variant :
+         {"Get   app_a  ipc:///tmp/a.ipc\n   Set app_a ipc:///tmp/a.ipc   \nCap device_cap /c.json",
+          "Get app_a ipc:///tmp/a.ipc\r\nSet app_a ipc:///tmp/a.ipc\r\nCap device_cap /c.json\r\n",
+          "Get app_a ipc:///tmp/a.ipc four\n#Get app_b x\nSet app_a ipc:///tmp/a.ipc\n\nCap device_cap /c.json"})
+        EXPECT_TRUE(load(variant) == 0 && memcmp(expected, table, sizeof expected) == 0) << variant;
+    // Only spaces separate words, and "#" makes a comment only in the first column.
+    ASSERT_EQ(0, load("Get\tStatus app_a ipc:///tmp/a.ipc\n #Set app_a\n"));
+    EXPECT_STREQ("Get\tStatus", table[0].command[0]);
+    EXPECT_STREQ("#Set", table[0].command[1]);
+    // Blocks A B A give three entries, and the last address of a block wins.
+    ASSERT_EQ(0, load("One app_a ipc:///a1\nTwo app_a ipc:///a2\nThree app_b ipc:///b\nFour app_a ipc:///a3\n"));
+    EXPECT_STREQ("ipc:///a2", table[0].ipc_url);
+    EXPECT_STREQ("app_b", table[1].receiver_name);
+    EXPECT_STREQ("Four", table[2].command[0]);
+    unlink(HTTP_COMMAND_FILE);
+    ts::Capture quiet(2);
+    EXPECT_EQ(-7, http_read_config_command());
+    EXPECT_TRUE(table_is_empty());
+}
+
+TEST(RoutingTable, OneReceiverOrCommandTooManyOrAnOverlongWordRefusesTheWholeFile)
+{
+    auto lines = [](int count, const std::string &before, const std::string &after) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += before + std::to_string(i) + after + "\n";
+        return text;
+    };
+    std::string err;
+    EXPECT_EQ(0, load(lines(16, "Cmd app_", " ipc:///tmp/x.ipc")));
+    EXPECT_STREQ("app_15", table[15].receiver_name);
+    EXPECT_EQ(0, load(lines(64, "Cmd", " app /c")));
+    EXPECT_STREQ("/c", table[0].cap_path[63]);
+    EXPECT_EQ(-1, load(lines(65, "Cmd", " app /c")));
+    EXPECT_EQ(-1, load(lines(17, "Cmd app_", " ipc:///tmp/x.ipc"), &err));
+    EXPECT_TRUE(ts::has_error(err, "max protocol num 16 \n"));
+    EXPECT_TRUE(table_is_empty()) << "a refused file leaves no half table behind";
+    const std::string ok = "Get app ipc:///tmp/a.ipc\n";
+    const std::pair<std::string, int> words[] = {
+        {std::string(63, 'c') + " app ipc:///x", 0},  {std::string(64, 'c') + " app ipc:///x", -1},
+        {"Get " + std::string(31, 'r') + " /c", 0},   {"Get " + std::string(32, 'r') + " /c", -1},
+        {"Get app /" + std::string(126, 'p'), 0},     {"Get app /" + std::string(127, 'p'), -1},
+        {"Get app ipc://" + std::string(241, 'u'), 0}, {"Get app ipc://" + std::string(242, 'u'), -1},
+    };
+    for (const auto &[line, rc] : words) {
+        EXPECT_EQ(rc, load(ok + line + "\n" + ok, &err)) << line.size();
+        EXPECT_TRUE(rc == 0 || (has(err, std::string(HTTP_COMMAND_FILE) + " line 2") && table_is_empty())) << err;
+    }
+}
+
+TEST(MsgExchange, RepliesAreCheckedInOrderAndFaultsGiveTheirCodes)
+{
+    const std::string bad_format = "The server returned an incorrect format parameter",
+                      failed = "Failed to request server";
+    const struct {
+        std::string reply;
+        int code;
+        std::string reason_or_answer;  // the reason of a fault, the answer of an accepted reply
+    } cases[] = {
+        {"not json", 508, bad_format}, {R"({"Response":{}})", 550, failed}, {msg("", "{}"), 550, failed},
+        {R"({"Command":7,"Response":{}})", 550, failed}, {R"({"command":"GetStatus","Response":{}})", 550, failed},
+        {msg("getstatus", "{}"), 550, failed}, {msg("GetStatus", "\"OK\""), 508, bad_format},
+        {msg("GetStatus", "[]"), 508, bad_format}, {R"({"Command":"GetStatus"})", 508, bad_format},
+        {R"({"Command":"GetStatus","response":{}})", 0, "{\n}"},
+        // The zero byte is not needed, and ends the text when present.
+        {R"({"Command":"GetStatus","Response":{"a":1}})", 0, "{\n\t\"a\":\t1\n}"},
+        {msg("GetStatus", "{}") + "garbage", 0, "{\n}"},
+    };
+    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\n"));
+    std::vector<std::vector<std::string>> answers;
+    for (const auto &c : cases)
+        answers.push_back({c.reply});
+    Peer peer("ipc:///tmp/a.ipc", NN_REP, answers);
+    for (const auto &c : cases) {
+        std::string reply, reason;
+        ts::Capture err(2);
+        EXPECT_EQ(c.code, relay("GetStatus", "{}", &reply, &reason)) << c.reply;
+        EXPECT_EQ(c.reason_or_answer, c.code ? reason : reply) << c.reply;
+        EXPECT_EQ(c.code != 0, has(err.text(), "http send recv fail des=" + std::to_string(c.code) + "\n"));
+    }
+}
+
+TEST(MsgExchange, TimeOutDependsOnTheCommandAndTheUpgradeSocket)
+{
+    http_msg_upgrade_fd = 7;
+    const std::tuple<const char *, int, int> cases[] = {
+        {"StartUpgrade", 7, 180000},           {"StartUpgrade", 8, 3000},             {"GetScanWIFIHotspot", 8, 180000},
+        {"GetNetworkWIFIParameters", 8, 5000}, {"SetNetworkWIFIParameters", 7, 5000}, {"VerifyPassword", 7, 3000},
+        {"getscanwifihotspot", 8, 3000},
+    };
+    for (const auto &[command, sock, ms] : cases)
+        EXPECT_EQ(ms, http_msg_recv_timeout(command, sock)) << command << " on " << sock;
+}
+
+TEST(MsgExchange, SilentApplicationAndMissingApplicationBothTimeOutAfterThreeSeconds)
+{
+    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\n"));
+    ts::Process sim = ts::start_sim(R"({"GetStatus": {"silent": true}})");
+    // Nothing listens at b.ipc: the connection is made in the background and only the
+    // exchange fails. Both exchanges run at once to wait the time-out only once.
+    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus2 app_b ipc:///tmp/b.ipc\n"));
+    std::string reply, ignored, reason;
+    int missing = -7;
+    long long start = ts::now_ms();
+    std::thread other([&] { missing = relay("GetStatus2", "{}", &ignored); });
+    EXPECT_EQ(504, relay("GetStatus", "{}", &reply, &reason));
+    other.join();
+    long long elapsed = ts::now_ms() - start;
+    EXPECT_EQ(504, missing);
+    EXPECT_EQ("Connection service timed out", reason);
+    EXPECT_TRUE(elapsed >= 2900 && elapsed < 4500) << elapsed;
+    EXPECT_TRUE(has(sim.log(), "devicesim: app_a stays silent to GetStatus\n")) << sim.log();
+}
+
+TEST(MsgExchange, CommandListedForTwoReceiversReachesBothAndTheSecondAnswers)
+{
+    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus app_b ipc:///tmp/b.ipc\n"));
+    Peer a("ipc:///tmp/a.ipc", NN_REP, {{msg("GetStatus", R"({"From":"a"})")}});
+    Peer b("ipc:///tmp/b.ipc", NN_REP, {{msg("GetStatus", R"({"Result":"OK","Parameters":{"Speed":1.5}})")}});
+    std::string reply;
+    ts::Capture err(2);
+    EXPECT_EQ(0, relay("GetStatus", R"({"To":"all"})", &reply));
+    EXPECT_EQ("{\n\t\"Result\":\t\"OK\",\n\t\"Parameters\":\t{\n\t\t\"Speed\":\t1.5\n\t}\n}", reply);
+    ASSERT_EQ(1u, a.requests().size());
+    EXPECT_TRUE(has(a.requests()[0], "\"Receiver\":\t\"app_a\"") && has(a.requests()[0], "\"To\":\t\"all\""));
+    EXPECT_EQ('\0', b.requests().at(0).back()) << "the terminating zero travels with the request";
+    EXPECT_EQ(-1, table[0].msg_fd) << "the earlier receiver's socket is closed at once";
+    EXPECT_EQ(-1, nn_send(table[1].msg_fd, "x", 1, NN_DONTWAIT));
+    EXPECT_EQ(EBADF, nn_errno()) << "the last one's by http_msg_socket_uninit";
+}
+
+TEST(MsgExchange, UpgradeProgressIsFollowedOnlyOnTheUpgradeApplicationsSocket)
+{
+    ASSERT_EQ(0, load("StartUpgrade app_update ipc:///tmp/up.ipc\nStartUpgrade2 app_other ipc:///tmp/o.ipc\n"));
+    Peer update("ipc:///tmp/up.ipc", NN_PAIR, {{progress(40), progress(-5), progress(100)}});
+    Peer other("ipc:///tmp/o.ipc", NN_REP, {{progress(40, "StartUpgrade2")}});
+    std::string reply;
+    ts::Capture out(1), err(2);  // every progress reply is traced
+    EXPECT_EQ(0, relay("StartUpgrade", "{}", &reply));
+    EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t100")) << reply;
+    EXPECT_EQ(0, relay("StartUpgrade2", "{}", &reply));
+    EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t40")) << "another application ends at once";
+}
+
+} // namespace

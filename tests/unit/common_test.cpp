@@ -1,0 +1,144 @@
+// Logging, configuration file access and the command runner. The field-described JSON reader
+// is proven through the parsers that use it (language, clock, accounts, login).
+#include "common/cfgfile.h"
+#include "common/log.h"
+#include "common/syscmd.h"
+#include "testsupport.h"
+
+#include <atomic>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/wait.h>
+#include <thread>
+
+namespace {
+
+const std::string kDir = "/mnt/usr/config/app_parameters";
+const std::string kRecord = kDir + "/record";
+
+TEST(Log, LinesCarryTheirPrefixesOnTheirStreams)
+{
+    ts::Capture out(1), err(2);
+    int line = __LINE__ + 1;
+    HTTP_ERROR("Invalid URL\n");
+    HTTP_DEBUG("actionName=%s\n", "login");
+    HTTP_PRINT("http_port %d\r\n", 88);
+    EXPECT_EQ("\033[1;31m<ERROR! tests/unit:" + std::to_string(line) + ", TestBody>: Invalid URL\n\033[0m", err.text());
+    EXPECT_EQ("<DEBUG file tests/unit, line " + std::to_string(line + 1) + ">: actionName=login\nhttp_port 88\r\n",
+              out.text());
+}
+
+// Lines longer than the formatter's stack buffer, from four threads at once.
+TEST(Log, LongLinesOfSeveralThreadsAreWrittenWholeAndNeverInterleave)
+{
+    ts::Capture err(2);
+    std::vector<std::thread> threads;
+    for (char c : {'a', 'b', 'c', 'd'})
+        threads.emplace_back([c] {
+            for (int i = 0; i < 200; ++i)
+                HTTP_ERROR("%s\n", std::string(3000, c).c_str());
+        });
+    for (auto &t : threads)
+        t.join();
+    std::string all = err.text();
+    size_t lines = 0;
+    for (size_t pos = 0; (pos = all.find("\033[1;31m<ERROR! ", pos)) != std::string::npos; ++lines) {
+        pos = all.find(">: ", pos) + 3;
+        ASSERT_EQ(std::string(3000, all[pos]) + "\n\033[0m", all.substr(pos, 3005));
+    }
+    EXPECT_EQ(800u, lines);
+}
+
+TEST(SystemCmd, RunsOneProgramWithoutShellOrEnvironmentAndReapsIt)
+{
+    ts::write_file("/tmp/standins.log", "");
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("sync"));
+    EXPECT_EQ(0u, ts::read_file("/tmp/standins.log").find("sync "));
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left to reap";
+    ts::write_file("/tmp/wm/a.png", "x");
+    ts::write_file("/tmp/wm/*", "star");
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("rm  -rf   /tmp/wm/*"));  // rm gets the star as it stands
+    EXPECT_TRUE(ts::exists("/tmp/wm/a.png"));
+    EXPECT_FALSE(ts::exists("/tmp/wm/*"));
+
+    ts::Capture out(1);
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("env"));  // prints its environment: nothing
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("no-such-program-xyz --flag"));
+    EXPECT_EQ("system cmd:<no-such-program-xyz --flag> fail!\n", out.text());
+}
+
+TEST(SystemCmd, RefusesEmptyAndOverlongCommands)
+{
+    ts::Capture out(1), err(2);
+    EXPECT_EQ(-1, HTTP_SYSTEM_CMD(nullptr));
+    for (const std::string &cmd :
+         {std::string(), std::string("     "), std::string(26, 'a'), "true " + std::string(507, 'b')})
+        EXPECT_EQ(-1, HTTP_SYSTEM_CMD(cmd.c_str())) << cmd.size();
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD(("true " + std::string(506, 'c')).c_str()));  // 511 characters
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD(std::string(25, 'a').c_str()));               // no such program, but run
+    EXPECT_EQ(0u, out.text().find("cmd NULL\n"));
+}
+
+class CfgFile : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ts::reset_device_tree();
+        ts::make_dirs(kDir);
+    }
+};
+
+// A writer killed at any moment leaves the old record or the new one, whole.
+TEST_F(CfgFile, KilledWriterNeverLeavesATornRecord)
+{
+    std::string a(2048, 'A'), b(2048, 'B');
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), a.data(), 2048));
+    std::mt19937 rng(7);
+    for (int round = 0; round < 25; ++round) {
+        pid_t child = fork();
+        if (child == 0) {
+            for (int i = 0; i < 500; ++i)
+                http_set_cfgfile(kRecord.c_str(), (i % 2 ? a : b).data(), 2048);
+            _exit(0);
+        }
+        usleep(std::uniform_int_distribution<int>(0, 20000)(rng));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        char buf[2048];
+        ASSERT_EQ(0, http_get_cfgfile(kRecord.c_str(), buf, sizeof buf)) << "round " << round;
+        ASSERT_TRUE(std::string(buf, 2048) == a || std::string(buf, 2048) == b) << "torn record in round " << round;
+    }
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), a.data(), 2048));
+    std::string names;  // the next write clears a killed writer's leftover
+    ts::run({"/bin/ls", "-A", kDir}, &names);
+    EXPECT_EQ("record\n", names);
+}
+
+TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
+{
+    std::string a(2048, 'A'), b(2048, 'B');
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    auto writer = [&](const std::string &rec) {
+        for (int i = 0; i < 300; ++i)
+            bad += http_set_cfgfile(kRecord.c_str(), rec.data(), 2048) != 0;
+    };
+    std::thread reader([&] {
+        char buf[2048];
+        while (!stop)
+            if (http_get_cfgfile(kRecord.c_str(), buf, sizeof buf) == 0)
+                bad += std::string(buf, 2048) != a && std::string(buf, 2048) != b;
+    });
+    {
+        ts::Capture err(2);  // the reader may find no file before the first rename
+        std::thread t1(writer, a), t2(writer, b);
+        t1.join();
+        t2.join();
+        stop = true;
+        reader.join();
+    }
+    EXPECT_EQ(0, bad.load());
+}
+
+} // namespace

@@ -1,0 +1,256 @@
+// The settings actions in-process: page language, web port, device clock, capability files
+// and reboot.
+#include "actions/capability_actions.h"
+#include "actions/clock_actions.h"
+#include "actions/language_actions.h"
+#include "actions/language_format.h"
+#include "actions/port_actions.h"
+#include "actions/reboot_action.h"
+#include "common/owners.h"
+#include "testsupport.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <map>
+#include <sstream>
+
+namespace {
+
+using namespace std::string_literals;
+
+const std::string kGot = "Successfully to get params", kSet = "Successfully to set params";
+const std::string kParamDir = "/mnt/usr/config/app_parameters", kCapFile = "/mnt/app/web_root/config/device_cap.json";
+constexpr int kUntouched = -99;
+
+class SettingsActions : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ts::reset_device_tree();
+        ts::make_dirs(kParamDir);
+        ts::make_dirs("/mnt/app/web_root/config");
+    }
+};
+
+// The language record as stored; language may fill its field whole, without a terminator.
+std::string language_record(const std::string &language, int32_t mode)
+{
+    LanguageFormat lang{};
+    memcpy(lang.language, language.data(), std::min(language.size(), sizeof lang.language));
+    lang.mode = mode;
+    memcpy(lang.index_page, "login.html", 10);
+    return std::string(reinterpret_cast<const char *>(&lang), sizeof lang);
+}
+
+TEST_F(SettingsActions, LanguageIsStoredAsAWholeRecordAndRefusalsLeaveItAsItIs)
+{
+    auto get_reply = [](const std::string &language, int mode) {
+        return ts::params(kGot,
+                          "{\n\t\"language\":\t\"" + language + "\",\n\t\"mode\":\t" + std::to_string(mode) + "\n}");
+    };
+    for (int mode : {1, -7}) {
+        std::string body = R"({"language":"english","mode":)" + std::to_string(mode) + "}";
+        EXPECT_EQ(ts::ok(kSet), ts::call(actionSetLanguageFormat, body.c_str()).reply);
+        EXPECT_EQ(language_record("english", mode), ts::read_file(WEB_LANGUAGE_FILE));
+        EXPECT_EQ(get_reply("english", mode), ts::call(actionGetLanguageFormat, nullptr).reply);
+    }
+    const std::string stored = language_record(std::string(128, 'x'), 2);
+    ts::write_file(WEB_LANGUAGE_FILE, stored);
+    EXPECT_EQ(get_reply(std::string(128, 'x'), 2), ts::call(actionGetLanguageFormat, nullptr).reply);
+    for (const char *body : {R"({"language":"English","mode":1})", R"({"Language":"english","mode":1})",
+                             R"({"language":"chinese","mode":"1"})", "{\"language\""}) {
+        EXPECT_EQ(ts::fail("set language params fail"), ts::call(actionSetLanguageFormat, body).reply) << body;
+        EXPECT_EQ(stored, ts::read_file(WEB_LANGUAGE_FILE));
+    }
+    // A 259-byte or missing file is not answered and not recreated.
+    ts::write_file(WEB_LANGUAGE_FILE, stored.substr(0, 259));
+    EXPECT_EQ(ts::fail("get language params fail"), ts::call(actionGetLanguageFormat, nullptr).reply);
+    EXPECT_EQ(259u, ts::read_file(WEB_LANGUAGE_FILE).size());
+    ts::remove_tree("/mnt/app/web_root/config");
+    EXPECT_EQ(-1, ts::call(actionGetLanguageFormat, nullptr).rc);
+    EXPECT_EQ(ts::fail("set language params fail"),
+              ts::call(actionSetLanguageFormat, R"({"language":"english","mode":1})").reply);
+    EXPECT_FALSE(ts::exists(WEB_LANGUAGE_FILE));
+}
+
+TEST_F(SettingsActions, PortGetCreatesAMissingFileAndReturnsAStoredObjectVerbatim)
+{
+    const std::string fresh = "{\n\t\"Port\":\t80\n}", other = "{ \"Port\" : 8080,\n  \"Owner\": \"x\" }\n";
+    const std::tuple<const char *, int, std::string> cases[] = {  // stored (nullptr: none), port, file after
+        {nullptr, 80, fresh}, {"", 80, fresh}, {other.c_str(), 8080, other},
+        {"Port=8080", kUntouched, "Port=8080"}, {R"({"Port":"8080"})", kUntouched, R"({"Port":"8080"})"},
+    };
+    for (const auto &[stored, expected, after] : cases) {
+        if (stored)
+            ts::write_file(WEB_PORT_FILE, stored);
+        int port = kUntouched;
+        ts::Outcome o = ts::call([&](char **out) { return actionGetPortParam(nullptr, out, &port); });
+        EXPECT_EQ(expected, port) << after;
+        EXPECT_EQ(expected == kUntouched ? ts::fail("Failed to get params") : ts::params(kGot, after), o.reply);
+        EXPECT_EQ(after, ts::read_file(WEB_PORT_FILE));
+    }
+}
+
+TEST_F(SettingsActions, PortSetReplacesTheFileAndHandsOverOnlyAUsablePort)
+{
+    auto set = [](const std::string &value, int *port) {
+        std::string body = "{\"Port\":" + value + "}";
+        return ts::call([&](char **out) { return actionSetPortParam(body.c_str(), out, port); });
+    };
+    ts::write_file(WEB_PORT_FILE, R"({"Port":80,"Owner":"installer"})");
+    for (int wanted : {8081, 1, 65535}) {
+        int port = 80;
+        EXPECT_EQ(ts::ok(kSet), set(std::to_string(wanted), &port).reply);
+        EXPECT_EQ(wanted, port);
+        EXPECT_EQ("{\n\t\"Port\":\t" + std::to_string(wanted) + "\n}", ts::read_file(WEB_PORT_FILE));
+    }
+    const std::string stored = ts::read_file(WEB_PORT_FILE);
+    for (const char *value : {"0", "65536", "-1", "1e12", "\"8081\"", "8081"}) {
+        if (value == "8081"s)
+            ts::remove_tree(kParamDir);  // a usable port, but the file cannot be written
+        int port = 80;
+        EXPECT_EQ(ts::fail("Failed to set params"), set(value, &port).reply) << value;
+        EXPECT_EQ(80, port);
+        EXPECT_TRUE(value == "8081"s || ts::read_file(WEB_PORT_FILE) == stored) << value;
+    }
+}
+
+TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
+{
+    auto status = [](int port) {
+        std::string body = "{\"Port\":" + std::to_string(port) + "}";
+        return ts::call(actionGetPortStatus, body.c_str()).reply;
+    };
+    UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    ASSERT_EQ(0, listen(listener.get(), 1));
+    ASSERT_EQ(0, getsockname(listener.get(), reinterpret_cast<sockaddr *>(&addr), &len));
+    EXPECT_EQ(ts::fail("http port in use"), status(ntohs(addr.sin_port)));
+    std::string listed;
+    ts::run({"/bin/sh", "-c", "netstat -tuln"}, &listed);
+    int unlisted = 20000;
+    while (listed.find(std::to_string(unlisted)) != std::string::npos)
+        ++unlisted;
+    EXPECT_EQ(ts::ok("Port available"), status(unlisted));
+}
+
+// A body for 2023-12-31 23:59:58 with members replaced.
+std::string clock_body(const std::map<std::string, int> &changes)
+{
+    std::map<std::string, int> t = {{"tm_sec", 58}, {"tm_min", 59},   {"tm_hour", 23}, {"tm_mday", 31},
+                                    {"tm_mon", 11}, {"tm_year", 123}, {"tm_wday", 0}};
+    for (const auto &[name, value] : changes)
+        t[name] = value;
+    std::string body;
+    for (const auto &[name, value] : t)
+        body += (body.empty() ? "{\"" : ",\"") + name + "\":" + std::to_string(value);
+    return body + "}";
+}
+
+TEST_F(SettingsActions, ClockChecksEachFieldAtBothEndsOfItsRangeAndTheYearBeforeTheClock)
+{
+    const std::tuple<const char *, int, int, const char *> ranges[] = {
+        {"tm_sec", 0, 59, "Invalid params ! <sec>\n"},  {"tm_min", 0, 59, "Invalid params! <min>\n"},
+        {"tm_hour", 0, 23, "Invalid params! <hour>\n"}, {"tm_mday", 1, 31, "Invalid params! <mday>\n"},
+        {"tm_mon", 0, 11, "Invalid params! <mon>\n"},   {"tm_wday", 0, 6, "Invalid params! <wday>\n"},
+    };
+    for (const auto &[member, min, max, line] : ranges)
+        for (int value : {min - 1, min, max, max + 1}) {
+            ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body({{member, value}}).c_str());
+            bool inside = value == min || value == max;  // then refused only by the clock, which the test may not set
+            EXPECT_EQ(inside ? ts::fail("set rtc fail") : ts::fail("Invalid input params"), set.reply)
+                << member << value;
+            EXPECT_EQ(!inside, ts::has_error(set.err, line, "getRtcParamFromJSON")) << set.err;
+        }
+    // Years outside 1971..2069 are refused with the values as sent; February 30 passes the checks.
+    const std::pair<std::map<std::string, int>, int> cases[] = {
+        {{{"tm_year", 70}}, -2}, {{{"tm_year", 170}}, -2}, {{{"tm_year", 71}}, -1},
+        {{{"tm_year", 169}}, -1}, {{{"tm_mon", 1}, {"tm_mday", 30}}, -1},
+    };
+    for (const auto &[changes, rc] : cases) {
+        ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body(changes).c_str());
+        EXPECT_EQ(rc, set.rc) << clock_body(changes);
+        EXPECT_EQ(ts::fail("set rtc fail"), set.reply);
+        EXPECT_EQ(rc == -2, ts::has_error(set.err, "parma is invailed:\n", "http_Set_LocalTime")) << set.err;
+        EXPECT_TRUE(rc == -1 || set.out == "sec=58,min=59,hour=23\nday=31,mon=11,year=" +
+                                               std::to_string(changes.at("tm_year")) + ";tm_wday=0\n") << set.out;
+    }
+}
+
+// In a zone that keeps summer time all year, a conversion that ignored the zone's rules
+// would be an hour off and try to set the clock.
+TEST_F(SettingsActions, ClockAcceptsTheCurrentLocalTimeWithoutSettingItAndShowsItAsNineteenCharacters)
+{
+    const char *saved = getenv("TZ");
+    std::string old = saved ? saved : "";
+    setenv("TZ", "XST-1XDT,0/0,J365/25", 1);
+    tzset();
+    time_t now = time(nullptr);
+    struct tm t {};
+    localtime_r(&now, &t);
+    ts::Outcome set = ts::call(actionsetDeviceLocalTime, clock_body({{"tm_sec", t.tm_sec},
+                                                                     {"tm_min", t.tm_min},
+                                                                     {"tm_hour", t.tm_hour},
+                                                                     {"tm_mday", t.tm_mday},
+                                                                     {"tm_mon", t.tm_mon},
+                                                                     {"tm_year", t.tm_year},
+                                                                     {"tm_wday", t.tm_wday}})
+                                                             .c_str());
+    auto reply_now = [] {
+        time_t now = time(nullptr);
+        char shown[32];
+        strftime(shown, sizeof shown, "%Y/%m/%d_%H:%M:%S", localtime(&now));
+        return ts::params(kGot, "{\n\t\"local_time\":\t\"" + std::string(shown) + "\"\n}");
+    };
+    std::string before = reply_now(), got = ts::call(actiongetDeviceLocalTime, nullptr).reply, after = reply_now();
+    saved ? setenv("TZ", old.c_str(), 1) : unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(1, t.tm_isdst);
+    EXPECT_EQ(ts::ok(kSet), set.reply) << set.err;
+    EXPECT_TRUE(got == before || got == after) << got;
+}
+
+TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessItIsOneJsonValue)
+{
+    auto get_cap = [](const char *path) {
+        return ts::call([&](char **out) { return actionGetDeviceCap(path, nullptr, out); });
+    };
+    for (const std::string &stored : {"{ \"Audio\" :1,\n  \"Channels\": [ 1, 2 ]  }\n"s, "[]"s, "7"s}) {
+        ts::write_file(kCapFile, stored);
+        EXPECT_EQ(ts::params(kGot, stored), get_cap(kCapFile.c_str()).reply);
+    }
+    // Cut short, two values, not JSON at all, a NUL byte hiding the rest, empty.
+    for (const std::string &stored : {"{\"Audio\":"s, "{} {}"s, "Audio=1"s, "{}\0{\"x\""s, ""s}) {
+        ts::write_file(kCapFile, stored);
+        EXPECT_EQ(ts::fail("Failed to get params"), get_cap(kCapFile.c_str()).reply) << stored;
+    }
+    ts::remove_tree(kCapFile);
+    EXPECT_EQ(ts::fail("Failed to get params"), get_cap(kCapFile.c_str()).reply);
+    EXPECT_EQ(ts::fail("Invalid input params"), get_cap(nullptr).reply);
+}
+
+// The stand-ins of reboot and sync record "NAME SECONDS.NANOSECONDS" in /tmp/standins.log.
+TEST(Reboot, SyncsWaitsPrintsTheBannerAndAsksTwiceForTheRestart)
+{
+    ts::write_file("/tmp/standins.log", "");
+    ts::Outcome reboot = ts::call(actionSetDeviceReboot, nullptr);
+    EXPECT_EQ("<null>", reboot.reply);
+    EXPECT_EQ("\n_________________________________________________________________\n"
+              "|                Device Start Restart <system>                  |\n"
+              "|_______________________________________________________________|\n",
+              reboot.out);
+    std::istringstream log(ts::read_file("/tmp/standins.log"));
+    std::string sync, reboot1, reboot2, more;
+    double t0 = 0, t1 = 0, t2 = 0;
+    log >> sync >> t0 >> reboot1 >> t1 >> reboot2 >> t2 >> more;
+    EXPECT_EQ("sync reboot reboot ", sync + " " + reboot1 + " " + reboot2 + " " + more) << log.str();
+    EXPECT_NEAR(8.0, t1 - t0, 0.5);
+    EXPECT_NEAR(3.0, t2 - t1, 0.5);
+}
+
+} // namespace

@@ -2,6 +2,9 @@
 // routing refusals, the action thread and the life cycle of a server.
 #include "testsupport.h"
 #include "webs/webs.h"
+#include "webserver/http_reply.h"
+
+#include <cjson/cJSON.h>
 
 #include <condition_variable>
 #include <csignal>
@@ -41,6 +44,16 @@ void echo(Webs *wp)
     websWrite(wp, "written after done");
 }
 
+// Answers through the envelope writers while every cJSON allocation fails.
+template <void (*write)(Webs *)> void starved(Webs *wp)
+{
+    cJSON_Hooks none = {.malloc_fn = [](size_t) -> void * { return nullptr; }, .free_fn = free};
+    cJSON_InitHooks(&none);
+    write(wp);
+    cJSON_InitHooks(nullptr);
+}
+void coded_failure(Webs *wp) { json_perror(wp, -16, "Session ID is empty"); }
+
 // Holds the request until the test opens the gate; records how many run at once.
 void gate(Webs *wp)
 {
@@ -77,6 +90,8 @@ protected:
         websDefineAction("echo", echo);
         websDefineAction("gate", gate);
         websDefineAction("silent", [](Webs *) { std::lock_guard<std::mutex> lock(seen.mutex); ++seen.silent_calls; });
+        websDefineAction("starved_fail", starved<coded_failure>);
+        websDefineAction("starved_ok", starved<json_OK>);
         websDefineAction("refuse", [](Webs *wp) { websError(wp, 403, "no <script>%s</script> & \"more\"", "x"); });
         finished = 0;
         loop = std::thread([this] { websServiceEvents(&finished); });
@@ -157,6 +172,13 @@ TEST_F(Layer, RefusalsAnswerWithTheirStatusAndAnEscapedPage)
     EXPECT_EQ("text/html; charset=utf-8", page.headers["content-type"]);
     EXPECT_NE(std::string::npos, page.body.find("no &lt;script&gt;x&lt;/script&gt; &amp; &quot;more&quot;"));
     EXPECT_EQ(std::string::npos, page.body.find("<script>"));
+}
+
+TEST_F(Layer, EnvelopeWritersAnswerInTheirFormWhenTheHeapIsExhausted)
+{
+    EXPECT_EQ("{\n\t\"Result\":\t\"Fail\",\n\t\"ErrorNo\":\t-16,\n\t\"Reason\":\t\"\"\n}",
+              ts::http({.url = url("/action/starved_fail")}).body);
+    EXPECT_EQ("{\n\t\"Result\":\t\"OK\"\n}", ts::http({.url = url("/action/starved_ok")}).body);
 }
 
 TEST_F(Layer, ActionsRunOneAtATimeInArrivalOrderWhileDocumentsAreServed)

@@ -152,33 +152,28 @@ bool inside_root(const std::string &resolved, const std::string &root)
 // The real path of a document inside the root, or "" when it has none there.
 std::string resolve(const DocumentConfig &cfg, std::string_view path)
 {
+    char real[PATH_MAX];
+    // A directory stands for its index page, which must resolve inside the root as well.
+    auto to_index = [&](std::string &dir) {
+        dir += '/';
+        dir += cfg.index;
+        if (!realpath(dir.c_str(), real))
+            return false;
+        dir = real;
+        return inside_root(dir, cfg.root);
+    };
     std::string candidate = cfg.root;
     candidate.append(path);
     if (candidate.back() == '/')
         candidate += cfg.index;
-    char real[PATH_MAX];
     if (!realpath(candidate.c_str(), real))
         return {};
     std::string resolved(real);
-    if (resolved == cfg.root) {
-        resolved += '/';
-        resolved += cfg.index;
-        if (!realpath(resolved.c_str(), real))
-            return {};
-        resolved = real;
-    }
-    if (!inside_root(resolved, cfg.root))
+    if (resolved == cfg.root ? !to_index(resolved) : !inside_root(resolved, cfg.root))
         return {};
     struct stat st;
-    if (stat(resolved.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        resolved += '/';
-        resolved += cfg.index;
-        if (!realpath(resolved.c_str(), real))
-            return {};
-        resolved = real;
-        if (!inside_root(resolved, cfg.root))
-            return {};
-    }
+    if (stat(resolved.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && !to_index(resolved))
+        return {};
     return resolved;
 }
 

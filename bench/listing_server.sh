@@ -2,18 +2,12 @@
 # Recording listing benchmark through the real server: the same two cards as
 # bench/listing.sh, listed over HTTP with curl, against find(1) over the same tree in the
 # same run (time), and the server's peak resident memory added by one listing against the
-# reply's size. Runs inside tests/isolate.sh. Usage: bench/listing_server.sh [build-dir]
+# reply's size. Runs inside tests/isolate.sh. Usage: bench/listing_server.sh
 set -eu
 cd "$(dirname "$0")/.."
-build=${1:-build}
+bench_targets="webserver devicesim listing_bench"
+. bench/prepare.sh
 rounds=9  # timed listings per card after one warm-up; the medians are compared
-
-if [ -z "${WEB_TEST_ISOLATED:-}" ]; then
-    cmake -S . -B "$build" >/dev/null
-    cmake --build "$build" -j2 --target webserver devicesim listing_bench >/dev/null
-    exec tests/isolate.sh /bin/sh "$0" "$build"
-fi
-bin=$build/bin
 port=8080
 . bench/device_env.sh
 
@@ -22,7 +16,7 @@ start_sim
 printf "%-10s %7s %10s %10s %9s %7s %12s %8s\n" card files "reply B" "list ms" "find ms" "time x" "peak add kB" "mem x"
 for card in "30 1000" "365 100"; do
     set -- $card
-    "$build/bin/listing_bench" --card "$1" "$2"
+    "$bin/listing_bench" --card "$1" "$2"
     # A fresh server per card, so the peak of an earlier listing does not hide this one's.
     start_server $port
     sid=$(login $port)

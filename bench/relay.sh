@@ -10,17 +10,9 @@
 # Usage: bench/relay.sh [SECONDS] [ROUNDS]    (defaults 5 and 5)
 set -eu
 cd "$(dirname "$0")/.."
-root=$(pwd)
-
-if [ "${1:-}" != "--inner" ]; then
-    scripts/bootstrap.sh bench
-    # A release build of its own, so the developer's build/ keeps its settings.
-    cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
-    cmake --build build-bench -j2 --target webserver devicesim raw_nn bare_mhd >/dev/null
-    exec tests/isolate.sh "$root/bench/relay.sh" --inner "${1:-5}" "${2:-5}"
-fi
-seconds=$2 rounds=$3
-bin="$root/build-bench/bin"
+bench_targets="webserver devicesim raw_nn bare_mhd"
+. bench/prepare.sh
+seconds=${1:-5} rounds=${2:-5}
 . bench/device_env.sh
 
 # A command the demo routes to an application whose simulated answer is immediate.

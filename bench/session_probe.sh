@@ -7,17 +7,9 @@
 # Usage: bench/session_probe.sh [SECONDS] [CONNECTIONS] [ROUNDS]    (defaults 5, 8 and 5)
 set -eu
 cd "$(dirname "$0")/.."
-root=$(pwd)
-
-if [ "${1:-}" != "--inner" ]; then
-    scripts/bootstrap.sh bench
-    # A release build of its own, so the developer's build/ keeps its settings.
-    cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
-    cmake --build build-bench -j2 --target webserver devicesim bare_mhd >/dev/null
-    exec tests/isolate.sh "$root/bench/session_probe.sh" --inner "${1:-5}" "${2:-8}" "${3:-5}"
-fi
-seconds=$2 connections=$3 rounds=$4
-bin="$root/build-bench/bin"
+bench_targets="webserver devicesim bare_mhd"
+. bench/prepare.sh
+seconds=${1:-5} connections=${2:-8} rounds=${3:-5}
 . bench/device_env.sh
 
 lay_out_device 8080

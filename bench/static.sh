@@ -8,22 +8,14 @@
 # Usage: bench/static.sh [SECONDS] [CONNECTIONS] [ROUNDS]    (defaults 5, 32 and 5)
 set -eu
 cd "$(dirname "$0")/.."
-root=$(pwd)
+bench_targets=webserver
+. bench/prepare.sh
+seconds=${1:-5} connections=${2:-32} rounds=${3:-5}
 
-if [ "${1:-}" != "--inner" ]; then
-    scripts/bootstrap.sh bench
-    # A release build of its own, so the developer's build/ keeps its settings.
-    cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
-    cmake --build build-bench -j2 --target webserver
-    exec tests/isolate.sh "$root/bench/static.sh" --inner "${1:-5}" "${2:-32}" "${3:-5}"
-fi
-seconds=$2 connections=$3 rounds=$4
+. bench/device_env.sh
 
 # The device tree, plus the two benchmark files.
-mkdir -p /mnt/app /mnt/usr/config/app_parameters
-cp -a "$root/demo/web_root" /mnt/app/web_root
-# The stored port wins over the command line.
-printf '{\n\t"Port":\t8080\n}' > /mnt/usr/config/app_parameters/WebServerParameter.json
+lay_out_device 8080
 head -c 1024 /dev/urandom | base64 > /mnt/app/web_root/small.html
 head -c 104857600 /dev/zero > /mnt/app/web_root/big.mp4
 small_size=$(stat -c %s /mnt/app/web_root/small.html)
@@ -56,23 +48,12 @@ http {
 }
 CONF
 
-"$root/build-bench/bin/webserver" 8080 lo > /tmp/webserver.log 2>&1 &
-web=$!
+start_server 8080
 nginx -p /tmp/nginx -c /tmp/nginx/nginx.conf &
-ngx=$!
-trap 'kill $web $ngx 2>/dev/null || true' EXIT
-for port in 8080 8081; do
-    i=0
-    until curl -s -o /dev/null "http://127.0.0.1:$port/small.html"; do
-        i=$((i + 1))
-        [ $i -lt 100 ] || { echo "bench: nothing answers on port $port" >&2; cat /tmp/webserver.log /tmp/nginx/error.log >&2; exit 1; }
-        sleep 0.1
-    done
-done
+pids=$!
+wait_http 8081
 
-rps() {
-    wrk -t1 -c"$connections" -d"${seconds}s" "http://127.0.0.1:$1/small.html" | awk '/^Requests\/sec:/ {print $2}'
-}
+rps() { wrk_rate "$connections" "$seconds" "http://127.0.0.1:$1/small.html"; }
 rate() {
     curl -s -o /dev/null -w '%{speed_download}' "http://127.0.0.1:$1/big.mp4"
 }
@@ -92,9 +73,8 @@ while [ $i -lt "$rounds" ]; do
     i=$((i + 1))
 done
 
-sort_median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
-small_ratio=$(awk '{ print $1 / $2 }' /tmp/rounds | sort_median)
-large_ratio=$(awk '{ print $3 / $4 }' /tmp/rounds | sort_median)
+small_ratio=$(awk '{ print $1 / $2 }' /tmp/rounds | median)
+large_ratio=$(awk '{ print $3 / $4 }' /tmp/rounds | median)
 
 awk -v s="$small_size" -v sec="$seconds" -v c="$connections" -v rounds="$rounds" \
     -v sr="$small_ratio" -v lr="$large_ratio" '

@@ -3,19 +3,13 @@
 # session, the upgrade application answering at once), against cp of the same file into
 # /tmp in the same run, and the server's peak resident memory. Runs inside
 # tests/isolate.sh, where /tmp and /mnt are private tmpfs mounts.
-# Usage: bench/upload.sh [build-dir] [image-MiB]
+# Usage: bench/upload.sh [image-MiB]
 set -eu
 cd "$(dirname "$0")/.."
-build=${1:-build}
-mib=${2:-200}
+bench_targets="webserver devicesim"
+. bench/prepare.sh
+mib=${1:-200}
 rounds=5  # of each side, alternated; the medians are compared
-
-if [ -z "${WEB_TEST_ISOLATED:-}" ]; then
-    cmake -S . -B "$build" >/dev/null
-    cmake --build "$build" -j2 --target webserver devicesim >/dev/null
-    exec tests/isolate.sh /bin/sh "$0" "$build" "$mib"
-fi
-bin=$build/bin
 port=8080
 . bench/device_env.sh
 

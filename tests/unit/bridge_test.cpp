@@ -203,6 +203,27 @@ TEST(MsgExchange, RepliesAreCheckedInOrderAndFaultsGiveTheirCodes)
     }
 }
 
+// cJSON allocations made and still held; the one numbered fail_at fails.
+int cjson_calls = 0, cjson_live = 0, cjson_fail_at = 0;
+
+TEST(MsgExchange, RequestMessageLeavesNothingBehindWhicheverAllocationFails)
+{
+    cJSON_Hooks counting = {.malloc_fn = [](size_t n) -> void * {
+                                return ++cjson_calls == cjson_fail_at ? nullptr : (++cjson_live, malloc(n));
+                            },
+                            .free_fn = [](void *p) {
+                                cjson_live -= p != nullptr;
+                                free(p);
+                            }};
+    for (cjson_fail_at = 1; cjson_calls >= cjson_fail_at - 1; ++cjson_fail_at) {
+        cjson_calls = cjson_live = 0;
+        cJSON_InitHooks(&counting);
+        cJSON_free(http_set_command_response("GetStatus", "app_a", R"({"a":[1,{"b":"c"}]})"));
+        cJSON_InitHooks(nullptr);
+        EXPECT_EQ(0, cjson_live) << "allocation " << cjson_fail_at;
+    }
+}
+
 TEST(MsgExchange, TimeOutDependsOnTheCommandAndTheUpgradeSocket)
 {
     http_msg_upgrade_fd = 7;

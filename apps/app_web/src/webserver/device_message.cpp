@@ -30,8 +30,14 @@ char *http_set_command_response(const char *command, const char *receiver_name, 
         !cJSON_AddNumberToObject(request.get(), "Timestamp", now))
         return nullptr;
     // A payload that is not JSON is no error: the request simply goes without parameters.
-    if (cJSON *params = payload ? cJSON_Parse(payload) : nullptr)
-        cJSON_AddItemToObject(request.get(), "Parameters", params);
+    // A member that cannot be attached stays the caller's: freed here, and no request goes
+    // out without the parameters it was given.
+    if (cJSON *params = payload ? cJSON_Parse(payload) : nullptr) {
+        if (!cJSON_AddItemToObject(request.get(), "Parameters", params)) {
+            cJSON_Delete(params);
+            return nullptr;
+        }
+    }
     return cJSON_Print(request.get());
 }
 

@@ -13,10 +13,12 @@
 #include "network/storage.h"
 #include "session/session.h"
 #include "webs/webs.h"
+#include "webserver/device_message.h"
 #include "webserver/http_reply.h"
 #include "webserver/login_flow.h"
 #include "webserver/msg_exchange.h"
 #include "webserver/request_query.h"
+#include "webserver/routing_table.h"
 #include "webserver/service.h"
 #include "webserver/upgrade.h"
 #include "webserver/upload_image.h"
@@ -30,9 +32,6 @@ std::mutex mutex;
 namespace {
 
 constexpr size_t kAccessSize = 128;    // access text: the action name cut at its first "_"
-constexpr size_t kReasonSize = 128;    // failure reason filled by the relay
-constexpr size_t kCapPathSize = 128;   // capability file path from the routing table
-constexpr size_t kReceiverSize = 32;   // receiver name from the routing table
 
 constexpr char kNoProtocol[] = "The server does not support this protocol";
 
@@ -101,9 +100,9 @@ int relay(Webs *wp, const char *action, const char *body, char **out, char *reas
 {
     int route_socket = -1;
     int route_index = -1;
-    char receiver[kReceiverSize] = "";
+    char receiver[HTTP_RECEIVER_NAME_SIZE] = "";
     if (!http_protocol_matching(action, &route_socket, receiver, &route_index, body)) {
-        snprintf(reason, kReasonSize, "%s :%s", kNoProtocol, action);
+        snprintf(reason, HTTP_REASON_SIZE, "%s :%s", kNoProtocol, action);
         HTTP_ERROR("web server not support this protocol! :%s\n", kNoProtocol);
         return 501;
     }
@@ -129,12 +128,12 @@ void process(Webs *wp, const char *action, const RequestQuery &query)
 {
     const char *body = wp->input.servp ? wp->input.servp : "";
     char *out_raw = nullptr;
-    char reason[kReasonSize] = "";
+    char reason[HTTP_REASON_SIZE] = "";
     int result;
     bool replied = false;
 
     ActionCall call{body, &out_raw, reason};
-    char cap_path[kCapPathSize] = "";
+    char cap_path[HTTP_CAP_PATH_SIZE] = "";
     if (const LocalAction *a = find_action(action))
         result = a->run(call);
     else if (http_capability_protocol_matching(action, cap_path))

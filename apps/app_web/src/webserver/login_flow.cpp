@@ -8,8 +8,10 @@
 #include "json2c/json_fields.h"
 #include "json2c/login_json.h"
 #include "session/session.h"
+#include "webserver/device_message.h"
 #include "webserver/http_reply.h"
 #include "webserver/msg_exchange.h"
+#include "webserver/routing_table.h"
 
 #include <cstring>
 
@@ -18,7 +20,6 @@ namespace {
 constexpr char kVerifyCommand[] = "VerifyPassword";
 constexpr char kInvalidUser[] = "Invalid username or password";
 constexpr char kNoServer[] = "Failed to request server";
-constexpr size_t kReasonSize = 128;
 
 enum class Verdict { Answered, PayloadFailed, ExchangeFailed };
 
@@ -34,7 +35,7 @@ Verification ask_device(const LoginParam &login, const char *body, char *reason)
 {
     int route_socket = -1;
     int route_index = -1;
-    char receiver[32] = "";
+    char receiver[HTTP_RECEIVER_NAME_SIZE] = "";
     bool routed = http_protocol_matching(kVerifyCommand, &route_socket, receiver, &route_index, body) != 0;
 
     char *payload_raw = nullptr;
@@ -47,7 +48,7 @@ Verification ask_device(const LoginParam &login, const char *body, char *reason)
     }
     if (!routed) {
         // No application to ask: answered as a failed request, without touching a socket.
-        snprintf(reason, kReasonSize, "%s", kNoServer);
+        snprintf(reason, HTTP_REASON_SIZE, "%s", kNoServer);
         HTTP_ERROR("no route for %s: %s\n", kVerifyCommand, reason);
         return {Verdict::ExchangeFailed, 550, nullptr};
     }
@@ -90,7 +91,7 @@ int check_query_credentials(Webs *wp, const char *username, const char *password
     LoginParam login{};
     copy_field(login.username, sizeof login.username, username);
     copy_field(login.password, sizeof login.password, password);
-    char reason[kReasonSize] = "";
+    char reason[HTTP_REASON_SIZE] = "";
     Verification v = ask_device(login, nullptr, reason);
     if (v.verdict != Verdict::Answered) {
         json_perror(wp, -1, kInvalidUser);

@@ -1,9 +1,12 @@
 // The query of an action request: the keys the dispatcher recognises.
 #pragma once
 
+#include "webs/webs_limits.h"
+
 #include <cstddef>
 
-constexpr size_t kUrlCopySize = 2049;  // the request URL: 2048 characters and the terminator
+// The request URL: the longest target the web layer accepts and the terminator.
+constexpr size_t kUrlCopySize = webs_limits::kMaxTarget + 1;
 
 // Pointers into the cut query; nullptr when the key was not given. Values stay undecoded.
 struct RequestQuery {

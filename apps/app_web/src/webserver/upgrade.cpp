@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr mode_t kImageMode = 0600;
 
 ssize_t body_length(const Webs *wp)
 {
@@ -33,7 +32,7 @@ bool write_temp_image(const Webs *wp, char *temp_path)
     }
     size_t len = static_cast<size_t>(bufLen(&wp->input));
     ssize_t n = len ? write(fd.get(), wp->input.servp, len) : 0;
-    if (n < 0 || static_cast<size_t>(n) != len || fchmod(fd.get(), kImageMode) != 0) {
+    if (n < 0 || static_cast<size_t>(n) != len) {
         HTTP_ERROR("upgrade wirte fail \n");
         unlink(temp_path);
         return false;
@@ -58,9 +57,10 @@ char *http_upgrade_save_file(Webs *wp)
     HTTP_DEBUG("input :%d\n", static_cast<int>(body_length(wp)));
     // The image replaces "/tmp/upgrade" whole, by a rename: a large body is already in a
     // temporary file of the web layer, a small one is written into one first. A rename
-    // never follows a link planted at the target.
+    // never follows a link planted at the target. Both temporary files come from mkstemp,
+    // so the image has mode 0600 without a change of mode by path after the rename.
     if (wp->inputFile) {
-        if (rename(wp->inputFile->filename, UPGRADE_IMAGE_FILE) != 0 || chmod(UPGRADE_IMAGE_FILE, kImageMode) != 0) {
+        if (rename(wp->inputFile->filename, UPGRADE_IMAGE_FILE) != 0) {
             HTTP_ERROR("upgrade open fail \n");
             return nullptr;
         }

@@ -137,6 +137,9 @@ TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
     while (listed.find(std::to_string(unlisted)) != std::string::npos)
         ++unlisted;
     EXPECT_EQ(ts::ok("Port available"), status(unlisted));
+    // Unusable ports are refused before netstat, whose every line would hold a "0".
+    for (int port : {0, 65536})
+        EXPECT_EQ(ts::fail("Failed to get params"), status(port)) << port;
 }
 
 // A body for 2023-12-31 23:59:58 with members replaced.

@@ -15,7 +15,17 @@ namespace {
 constexpr size_t kProbeCommandSize = 32;  // "netstat -tuln | grep " and up to five digits fit
 constexpr size_t kProbeLineSize = 1024;   // one line of netstat's list; its content is not used
 
-bool port_in_range(int port) { return port >= WEB_PORT_MIN && port <= WEB_PORT_MAX; }
+// The port a request body asks for, refused (false) when it is missing or outside the ports a
+// web server can use; the setting and the status probe refuse the same ports.
+bool requested_port(const char *in_json, int *port)
+{
+    if (getPortFormatFromJSON(in_json, port) != 0)
+        return false;
+    if (*port >= WEB_PORT_MIN && *port <= WEB_PORT_MAX)
+        return true;
+    HTTP_ERROR("http port %d out of range %d-%d\n", *port, WEB_PORT_MIN, WEB_PORT_MAX);
+    return false;
+}
 
 // The port file's text, or nullptr when it is missing, empty or unreadable.
 HeapText read_port_file()
@@ -62,12 +72,7 @@ int actionSetPortParam(const char *in_json, char **out_json, int *port)
     if (!out_json)
         return -2;
     int parsed = 0;
-    if (getPortFormatFromJSON(in_json, &parsed) != 0) {
-        formatFailCallJSON(out_json, "Failed to set params");
-        return -1;
-    }
-    if (!port_in_range(parsed)) {
-        HTTP_ERROR("http port %d out of range %d-%d\n", parsed, WEB_PORT_MIN, WEB_PORT_MAX);
+    if (!requested_port(in_json, &parsed)) {
         formatFailCallJSON(out_json, "Failed to set params");
         return -1;
     }
@@ -95,12 +100,7 @@ int actionGetPortStatus(const char *in_json, char **out_json)
     if (!out_json)
         return -2;
     int parsed = 0;
-    if (getPortFormatFromJSON(in_json, &parsed) != 0) {
-        formatFailCallJSON(out_json, "Failed to get params");
-        return -1;
-    }
-    if (!port_in_range(parsed)) {
-        HTTP_ERROR("http port %d out of range %d-%d\n", parsed, WEB_PORT_MIN, WEB_PORT_MAX);
+    if (!requested_port(in_json, &parsed)) {
         formatFailCallJSON(out_json, "Failed to get params");
         return -1;
     }

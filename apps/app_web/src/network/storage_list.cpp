@@ -23,14 +23,14 @@ size_t expected_size(const NETSDK_LINK_NODE *head)
     return size;
 }
 
-// The node's entries from 0 to last_index, leaving out those that hold no file.
+// The node's entries (0 to last_index: the node holds no more), leaving out those that hold
+// no file.
 void write_files(JsonTextBuffer &text, const NETSDK_LINK_NODE *node)
 {
     text.raw("[");
-    int index = 0;
     bool first = true;
     node->files.for_each([&](const NetsdkFileView &file) {
-        if (index++ > node->last_index || file.name.empty())
+        if (file.name.empty())
             return;
         text.raw(first ? "{\n\t\t\t\t\"size\":\t" : ", {\n\t\t\t\t\"size\":\t");
         first = false;

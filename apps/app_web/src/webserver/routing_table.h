@@ -21,7 +21,8 @@ constexpr const char HTTP_RECEIVER_DEVICE_CAP[] = "device_cap";
 constexpr const char HTTP_RECEIVER_APP_UPDATE[] = "app_update";
 
 struct http_protocol_receiver {
-    int msg_fd;  // socket of the current exchange with this receiver; -1 when none is open
+    int msg_fd;  // socket of the latest exchange with this receiver (closed once it ends); 0 until
+                 // the first, -1 after a failed open
     char receiver_name[HTTP_RECEIVER_NAME_SIZE];
     char command[HTTP_PROTOCOL_CMD_MAX][HTTP_COMMAND_NAME_SIZE];
     char ipc_url[HTTP_IPC_URL_SIZE];

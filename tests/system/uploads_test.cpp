@@ -117,6 +117,13 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
     EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/x.png"));
     EXPECT_FALSE(ts::exists(kWatermark + "a"));
 
+    // A copy cut short by a full card answers the failure and leaves no partial image.
+    ASSERT_EQ(0, ts::run({"/bin/mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", kWatermark}));
+    EXPECT_EQ(coded(-1, "Upload file failed"),
+              upload("sessionid=" + sid + "&fileName=full.jpg", jpeg(64 * 1024), "image/jpeg").body);
+    EXPECT_EQ(std::set<std::string>{}, watermark_files());
+    ASSERT_EQ(0, ts::run({"/bin/umount", kWatermark}));
+
     // A missing directory is made, for its owner only.
     ts::remove_tree(kWatermark);
     EXPECT_EQ(ok, upload("sessionid=" + sid + "&fileName=new.jpg", jpeg(), "image/jpeg").body);

@@ -225,18 +225,19 @@ int copyFile(const char *from, const char *to)
         HTTP_ERROR("The file '%s' can not be opened! \n", to);
         return -1;
     }
+    // A copy that stops half-way is removed: a cut image must not stay as the watermark.
+    auto failed = [to] {
+        HTTP_ERROR("Write to file '%s' failed!\n", to);
+        unlink(to);
+        return -1;
+    };
     char block[kCopyBlock];
     size_t n;
-    while ((n = fread(block, 1, sizeof block, in.get())) > 0) {
-        if (fwrite(block, 1, n, out.get()) != n) {
-            HTTP_ERROR("Write to file '%s' failed!\n", to);
-            return -1;
-        }
-    }
-    if (fflush(out.get()) != 0) {
-        HTTP_ERROR("Write to file '%s' failed!\n", to);
-        return -1;
-    }
+    while ((n = fread(block, 1, sizeof block, in.get())) > 0)
+        if (fwrite(block, 1, n, out.get()) != n)
+            return failed();
+    if (ferror(in.get()) || fflush(out.get()) != 0)
+        return failed();
     return 0;
 }
 

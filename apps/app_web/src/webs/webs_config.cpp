@@ -56,9 +56,9 @@ bool split_line(std::string_view text, ConfigLine *line)
     return true;
 }
 
-// Calls take(line, number) for every record line of the file; -1 when the file cannot be
-// read or take refuses a line.
-int read_config(const char *path, const std::function<bool(const ConfigLine &, int)> &take)
+// Calls take(line) for every record line of the file; -1 when the file cannot be read or
+// take refuses a line.
+int read_config(const char *path, const std::function<bool(const ConfigLine &)> &take)
 {
     FilePtr file(path ? fopen(path, "re") : nullptr);
     if (!file) {
@@ -82,7 +82,7 @@ int read_config(const char *path, const std::function<bool(const ConfigLine &, i
             HTTP_ERROR("%s:%d: expected key=value words\n", path, number);
             return -1;
         }
-        if (!take(line, number)) {
+        if (!take(line)) {
             HTTP_ERROR("%s:%d: invalid %s line\n", path, number, line.kind.c_str());
             return -1;
         }
@@ -145,7 +145,7 @@ bool parse_route(const ConfigLine &line, Route *route)
 int load_routes(const char *path, std::vector<Route> *routes)
 {
     std::vector<Route> parsed;
-    int rc = read_config(path, [&](const ConfigLine &line, int) {
+    int rc = read_config(path, [&](const ConfigLine &line) {
         Route route;
         if (line.kind != "route" || !parse_route(line, &route))
             return false;
@@ -157,31 +157,12 @@ int load_routes(const char *path, std::vector<Route> *routes)
     return rc;
 }
 
-int load_auth(const char *path, std::vector<AuthUser> *users, std::vector<AuthRole> *roles)
+int check_auth(const char *path)
 {
-    std::vector<AuthUser> u;
-    std::vector<AuthRole> r;
-    int rc = read_config(path, [&](const ConfigLine &line, int) {
+    return read_config(path, [](const ConfigLine &line) {
         const std::string *name = find_key(line, "name");
-        if (!name || name->empty())
-            return false;
-        auto value = [&](const char *key) {
-            const std::string *v = find_key(line, key);
-            return v ? *v : std::string();
-        };
-        if (line.kind == "user")
-            u.push_back({*name, value("password"), value("roles")});
-        else if (line.kind == "role")
-            r.push_back({*name, value("abilities")});
-        else
-            return false;
-        return true;
+        return name && !name->empty() && (line.kind == "user" || line.kind == "role");
     });
-    if (rc == 0) {
-        *users = std::move(u);
-        *roles = std::move(r);
-    }
-    return rc;
 }
 
 const Route *match_route(const std::vector<Route> &routes, std::string_view path)

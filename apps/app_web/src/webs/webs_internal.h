@@ -27,16 +27,11 @@ struct Route {
     std::string allow;                 // the methods as an Allow header value
 };
 
-struct AuthUser {
-    std::string name, password, roles;
-};
-struct AuthRole {
-    std::string name, abilities;
-};
-
 // 0, or -1 after an error line naming the file and line.
 int load_routes(const char *path, std::vector<Route> *routes);
-int load_auth(const char *path, std::vector<AuthUser> *users, std::vector<AuthRole> *roles);
+// The authentication file is checked, not kept: access to actions is decided by the
+// dispatcher's sessions, and no route asks for a role.
+int check_auth(const char *path);
 // The first route whose prefix covers path (a normalised absolute path), or nullptr.
 const Route *match_route(const std::vector<Route> &routes, std::string_view path);
 bool route_allows(const Route &route, const char *method);

@@ -241,10 +241,6 @@ int request_begin_body(WebsPrivate *r)
 
 bool request_take_body(WebsPrivate *r, const char *data, size_t size)
 {
-    if (r->state == RequestState::Discarding) {
-        r->discarded += size;
-        return r->discarded <= kMaxDiscard;
-    }
     r->received += size;
     // A body without a length takes its room in /tmp as it comes (one with a length took it
     // whole at the start): a multipart body may go to a file from any byte on, a plain one

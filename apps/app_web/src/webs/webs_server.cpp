@@ -105,8 +105,6 @@ struct Server {
     std::string documents;
     DocumentConfig docs;
     std::vector<Route> routes;
-    std::vector<AuthUser> users;
-    std::vector<AuthRole> roles;
     std::string ipaddr, host;
     std::map<std::string, WebsAction, std::less<>> actions;
     MHD_Daemon *daemon = nullptr;
@@ -133,8 +131,6 @@ struct Server {
         documents.clear();
         docs = DocumentConfig{};
         routes.clear();
-        users.clear();
-        roles.clear();
         ipaddr.clear();
         host.clear();
         actions.clear();
@@ -295,6 +291,8 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
     case RequestState::Discarding:
         if (*upload_data_size > 0) {
             srv.took_body = true;
+            if (r->state == RequestState::Discarding)
+                return drop_body(r, upload_data_size);  // the rest of a refused body
             bool keep = request_take_body(r, upload_data, *upload_data_size);
             *upload_data_size = 0;
             return keep ? MHD_YES : MHD_NO;
@@ -476,7 +474,7 @@ const char *websGetServer() { return srv.host.empty() ? srv.ipaddr.c_str() : srv
 
 const char *websGetDocuments() { return srv.documents.c_str(); }
 
-int websLoad(const char *authFile) { return load_auth(authFile, &srv.users, &srv.roles); }
+int websLoad(const char *authFile) { return check_auth(authFile); }
 
 int websListen(const char *endpoint)
 {

@@ -2,6 +2,7 @@
 
 #include "common/cfgfile.h"
 #include "common/log.h"
+#include "usermanagement/usermgnt.h"
 
 #include <cstring>
 #include <mutex>
@@ -9,21 +10,9 @@
 
 namespace {
 
-constexpr const char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
-constexpr int kAccounts = 16;
-// The account the device falls back to: "admin" with the MD5 digest of "tavel".
-constexpr const char kDefaultUser[] = "admin";
-constexpr const char kDefaultDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";
-
 constexpr int kProgressStep = 20;
 constexpr int kProgressPauseMs = 100;  // between two upgrade progress replies
 constexpr int kLongestDelayMs = 600000;  // beyond any time-out of the server
-
-struct Account {
-    char user_name[64];
-    char password[64];  // MD5 digest text
-};
-static_assert(sizeof(Account) * kAccounts == 2048, "usermgnt_para is exactly 2048 bytes");
 
 constexpr const char kWifiDefaults[] =
     R"({"Enable":1,"Mode":"STA","SSID":"Workshop-2G","EncryptType":"WPA2-PSK","DHCP":1,)"
@@ -53,21 +42,15 @@ void add_reply(SimPlan *plan, CJsonPtr response, int delay_ms = 0)
     plan->push_back(std::move(reply));
 }
 
-std::string_view field(const char (&text)[64])
-{
-    return std::string_view(text, strnlen(text, sizeof text));
-}
-
+// Checked against the web server's account file, read only: a missing or damaged file counts
+// as the default account, as the server would make it.
 bool account_matches(const char *user, const char *password)
 {
-    Account accounts[kAccounts] = {};
-    if (http_get_cfgfile(kAccountFile, accounts, sizeof accounts) != 0) {
-        memset(accounts, 0, sizeof accounts);
-        memcpy(accounts[0].user_name, kDefaultUser, sizeof kDefaultUser);
-        memcpy(accounts[0].password, kDefaultDigest, sizeof kDefaultDigest);
-    }
-    for (const Account &a : accounts) {
-        if (a.user_name[0] != '\0' && field(a.user_name) == user && field(a.password) == password)
+    UsermgntConfig accounts{};
+    if (http_get_cfgfile(USERMGNT_PARA_FILE, &accounts, sizeof accounts) != 0)
+        usermgnt_default(&accounts);
+    for (const UsermgntUser &a : accounts.user) {
+        if (a.user_name[0] != '\0' && usermgnt_field_is(a.user_name, user) && usermgnt_field_is(a.password, password))
             return true;
     }
     return false;

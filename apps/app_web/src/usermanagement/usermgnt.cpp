@@ -17,7 +17,9 @@ bool slot_is_free(const UsermgntUser &slot)
     return slot.user_name[0] == '\0' && slot.password[0] == '\0';
 }
 
-void make_default(UsermgntConfig *config)
+} // namespace
+
+void usermgnt_default(UsermgntConfig *config)
 {
     memset(config, 0, sizeof *config);
     UsermgntUser &admin = config->user[0];
@@ -26,6 +28,8 @@ void make_default(UsermgntConfig *config)
     MD5Buffer(kDefaultPassword, sizeof kDefaultPassword - 1, digest);
     md5_sig_to_string(digest, admin.password, sizeof admin.password);
 }
+
+namespace {
 
 int write_image(const UsermgntConfig &config)
 {
@@ -106,7 +110,7 @@ int HTTP_Get_UsermgntConfig(UsermgntConfig *config)
     if (http_get_cfgfile(USERMGNT_PARA_FILE, config, sizeof *config) == 0)
         return 0;
     HTTP_ERROR("DEVSDK_Get_CfgFile: USERMGNT_PARA_FILE failed!\n");
-    make_default(config);
+    usermgnt_default(config);
     return write_image(*config);
 }
 

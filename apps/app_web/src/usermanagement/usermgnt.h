@@ -32,6 +32,9 @@ enum UsermgntOperation {
     USERMGNT_CHANGE_PASSWORD = 2,
 };
 
+// Fills *config with the one-account default, without writing it.
+void usermgnt_default(UsermgntConfig *config);
+
 // Fills *config with the stored image, or with the default that it writes in its place.
 // 0, or -1 when config is missing or the default could not be written.
 int HTTP_Get_UsermgntConfig(UsermgntConfig *config);

@@ -27,8 +27,9 @@ bool expired(const UserSession &s, int32_t now)
 
 void sweep_expired()
 {
+    int32_t now = monotonic_seconds();
     for (UserSession &s : user_sessions) {
-        if (s.last_access != 0 && s.timeout != 0 && s.session_id[0] != '\0' && expired(s, monotonic_seconds()))
+        if (s.last_access != 0 && s.timeout != 0 && s.session_id[0] != '\0' && expired(s, now))
             s.session_id[0] = '\0';
     }
 }

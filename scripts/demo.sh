@@ -59,7 +59,8 @@ pids=""
 stop() { [ -z "$pids" ] || kill $pids 2>/dev/null || true; }
 trap 'stop; exit 0' INT TERM
 if [ -n "$sim" ]; then
-    "$repo/build/bin/devicesim" /mnt/app/web_root/config/command_para &
+    # The scenario slows the upgrade and the WIFI scan down to a pace a person can watch.
+    "$repo/build/bin/devicesim" /mnt/app/web_root/config/command_para "$repo/demo/devicesim.json" &
     pids="$!"
 fi
 "$repo/build/bin/webserver" 8080 lo &

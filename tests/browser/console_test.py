@@ -96,8 +96,13 @@ def lay_out_device(port):
     for top in ('/mnt', '/tmp'):
         for name in os.listdir(top):
             path = os.path.join(top, name)
-            if name != 'standins.log' and not (SOURCE + '/').startswith(path + '/'):
-                shutil.rmtree(path, ignore_errors=True) if os.path.isdir(path) else os.unlink(path)
+            # The checkout and the build may be bind-mounted under /tmp or /mnt.
+            if name == 'standins.log' or any((d + '/').startswith(path + '/') for d in (SOURCE, BUILD)):
+                continue
+            if os.path.isdir(path) and not os.path.islink(path):
+                shutil.rmtree(path)
+            else:
+                os.unlink(path)
     shutil.copytree(os.path.join(SOURCE, 'demo/web_root'), ROOT,
                     ignore=shutil.ignore_patterns('*.html', '*.css', '*.js'))
     console = os.path.join(BUILD, 'console')
@@ -112,13 +117,16 @@ def lay_out_device(port):
         f.write('{\n\t"Port":\t%d\n}' % port)
 
 
+FAILURES = os.path.join(BUILD, 'browser-failures')
+
+
 def on_failure_screenshot(test):
     @functools.wraps(test)
     def run(self):
         try:
             test(self)
         except BaseException:
-            folder = os.path.join(BUILD, 'browser-failures')
+            folder = FAILURES
             os.makedirs(folder, exist_ok=True)
             self.driver.save_screenshot(os.path.join(folder, test.__name__ + '.png'))
             with open(os.path.join(folder, test.__name__ + '.html'), 'w') as f:
@@ -132,6 +140,7 @@ class Console(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
+        shutil.rmtree(FAILURES, ignore_errors=True)  # only this run's failures are kept
         cls.port = free_port()
         lay_out_device(cls.port)
         with open('/tmp/scenario.json', 'w') as f:
@@ -163,6 +172,8 @@ class Console(unittest.TestCase):
         for p in (cls.server, cls.sim):
             p.terminate()
             p.wait(10)
+        for log in cls.logs:
+            log.close()
 
     @classmethod
     def start(cls, name, args):
@@ -394,7 +405,7 @@ class Console(unittest.TestCase):
         self.click('#wifi-scan')
         self.find('#wifi-busy')
         self.text_in(self.message('network'), '3 networks found.')
-        self.assertFalse(self.driver.find_element(By.ID, 'wifi-busy').is_displayed())
+        self.wait(EC.invisibility_of_element_located((By.ID, 'wifi-busy')))
         self.driver.find_elements(By.CSS_SELECTOR, '#wifi-hotspots tr.hotspot button')[2].click()
         self.assertEqual('Guest', ssid.get_attribute('value'))
         self.click('#nav button[data-section="status"]')

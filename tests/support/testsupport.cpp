@@ -25,9 +25,6 @@ namespace fs = std::filesystem;
 
 namespace ts {
 
-namespace {
-
-// Whether done() holds within timeout_ms, looked at every 10 ms.
 bool eventually(const std::function<bool()> &done, int timeout_ms)
 {
     for (long long end = now_ms() + timeout_ms; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
@@ -35,6 +32,8 @@ bool eventually(const std::function<bool()> &done, int timeout_ms)
             return false;
     return true;
 }
+
+namespace {
 
 sockaddr_in address(const std::string &host, int port)
 {
@@ -395,17 +394,20 @@ std::string raw_http(int port, const std::string &request, int timeout_ms)
 
 std::string status_line(const std::string &raw) { return raw.substr(0, raw.find("\r\n")); }
 
+int temp_files_now()
+{
+    int n = 0;
+    for (auto &e : fs::directory_iterator("/tmp")) {
+        std::string name = e.path().filename();
+        n += name.starts_with("webs-") || name.starts_with(".upgrade-");
+    }
+    return n;
+}
+
 int temp_files()
 {
     int n = 0;
-    eventually([&n] {
-        n = 0;
-        for (auto &e : fs::directory_iterator("/tmp")) {
-            std::string name = e.path().filename();
-            n += name.starts_with("webs-") || name.starts_with(".upgrade-");
-        }
-        return n == 0;
-    }, 1000);
+    eventually([&n] { return (n = temp_files_now()) == 0; }, 1000);
     return n;
 }
 

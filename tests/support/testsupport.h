@@ -116,6 +116,10 @@ std::string status_line(const std::string &raw);
 // Temporary files of the web layer ("webs-*") and of the upgrade (".upgrade-*") in /tmp,
 // counted once the requests in flight have ended (a request ends just after its reply).
 int temp_files();
+// The same, counted now.
+int temp_files_now();
+// Whether done() holds within timeout_ms, looked at every 10 ms.
+bool eventually(const std::function<bool()> &done, int timeout_ms = 5000);
 long long now_ms();
 
 // The whole device: the demo tree (with this routing file when given), the simulator and

@@ -56,8 +56,10 @@ constexpr unsigned kConnectionSweepMs = 1000;
 constexpr unsigned kIdleTimeoutSeconds = 30;
 // Longest wait of the event loop, so that the finish flag is seen promptly.
 constexpr int kMaxLoopWaitMs = 250;
-// Backlog of the listening socket.
-constexpr int kListenBacklog = 64;
+// Backlog of the listening socket: a burst of new connections from many hosts waits here to
+// be accepted (libmicrohttpd takes ten per turn) instead of having its SYNs dropped and
+// retried a second later.
+constexpr int kListenBacklog = 256;
 // Memory of libmicrohttpd's multipart parser: the part headers of an upload fit in it.
 constexpr size_t kPostProcessorBuffer = 16 * 1024;
 

@@ -404,10 +404,11 @@ void schedule_sweep()
     });
 }
 
-// Runs fn for r on the event loop: at once on the loop's thread, else at its next turn.
+// Runs fn for r on the event loop: at once on the loop's thread (or once the server has
+// closed, when no connection is left to touch), else at the loop's next turn.
 void on_loop(WebsPrivate *r, void (*fn)(WebsPrivate *))
 {
-    if (srv.loop->on_loop_thread()) {
+    if (!srv.loop || srv.loop->on_loop_thread()) {
         fn(r);
         return;
     }

@@ -21,8 +21,15 @@ export const session = {
   clear() { sessionStorage.clear(); },
 };
 
-// Back to the login page, which shows why ("expired", "loggedout", "restarted").
+// Set once the page ends its session itself (logout, reboot): answers still on their way
+// that find the session gone are then expected, not an expiry.
+let ending = false, leaving = false;
+
+// Back to the login page, which shows why ("expired", "loggedout", "restarted"). The first
+// reason given wins.
 export function toLogin(why) {
+  if (leaving) return;
+  leaving = true;
   session.clear();
   location.replace('login.html' + (why ? '?why=' + why : ''));
 }
@@ -44,7 +51,7 @@ export function readReply(status, text) {
   let reply;
   try { reply = JSON.parse(text); } catch { throw new DeviceError(t('The device gave an answer the pages cannot read.')); }
   if (reply && reply.Result === 'Fail' && reply.ErrorNo === -16) {
-    toLogin('expired');
+    if (!ending) toLogin('expired');
     throw new DeviceError(t('Your session has ended. Please log in again.'), reply);
   }
   return reply;
@@ -103,8 +110,10 @@ export function keepSession() {
   }, probeEvery));
 }
 
-// Stops keeping and probing the session (the device is restarting: it ends every session).
-export function letSessionGo() {
+// Stops keeping and probing the session, which the page is about to end (a logout, or a
+// restart of the device, which ends every session).
+export function endingSession() {
+  ending = true;
   keepers.forEach(clearInterval);
   keepers = [];
 }

@@ -1,6 +1,6 @@
 // The console: one section per subject, shown one at a time. Each section module exports
 // init(section), run once, and show(section), run each time the section is opened.
-import { call, keepSession, session, toLogin } from './api.js';
+import { call, endingSession, keepSession, session, toLogin } from './api.js';
 import { setLanguage } from './i18n.js';
 import * as status from './sections/status.js';
 import * as time from './sections/time.js';
@@ -28,12 +28,10 @@ function takeHandOver() {
   return null;
 }
 
-let shown = null;
 function open(name) {
   if (!modules[name]) name = 'status';
   for (const b of document.querySelectorAll('#nav button')) b.classList.toggle('current', b.dataset.section === name);
   for (const s of document.querySelectorAll('main > section')) s.hidden = s.id !== name;
-  shown = name;
   modules[name].show?.(document.getElementById(name));
 }
 
@@ -50,10 +48,10 @@ async function start() {
   for (const [name, module] of Object.entries(modules)) module.init?.(document.getElementById(name));
   for (const b of document.querySelectorAll('#nav button')) b.addEventListener('click', () => open(b.dataset.section));
   document.getElementById('logout').addEventListener('click', async () => {
+    endingSession();
     await call('logout', { sessionid: session.id }).catch(() => {});
     toLogin('loggedout');
   });
-  document.addEventListener('languagechange', () => open(shown));
   keepSession();
   open(first || 'status');
 }

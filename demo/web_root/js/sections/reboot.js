@@ -2,7 +2,7 @@
 // seconds before it answers and longer before it is back. The page shows that it is
 // restarting and returns to the login page once the device answers again: after it was
 // seen gone, or when it answered throughout a few seconds (it never went away).
-import { call, letSessionGo, toLogin } from '../api.js';
+import { call, endingSession, toLogin } from '../api.js';
 import { t } from '../i18n.js';
 import { confirmWith } from '../ui.js';
 
@@ -35,7 +35,7 @@ export function init(section) {
   section.querySelector('#reboot-start').addEventListener('click', async (e) => {
     if (!await confirmWith(t('Restart the device now?'))) return;
     e.target.disabled = true;
-    letSessionGo();
+    endingSession();
     const started = Date.now();
     state.hidden = false;
     const show = () => { state.textContent = t('Restarting: the device writes its data and restarts. This page returns to the login page when it answers again ({0} s).', Math.round((Date.now() - started) / 1000)); };

@@ -142,6 +142,13 @@ void connections_sweep()
             evict(c);
 }
 
+void connections_close()
+{
+    for (Lingering &l : lingering)
+        l.watch.reset();  // before the descriptors go
+    lingering.clear();
+}
+
 Connection *connection_of(MHD_Connection *connection)
 {
     const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);

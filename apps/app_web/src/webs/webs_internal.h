@@ -218,6 +218,8 @@ void connection_request_started(Connection *c);
 void connection_request_ended(Connection *c);
 // Shuts down every connection whose next request's line and headers are overdue.
 void connections_sweep();
+// Closes the connections that still linger; the server closes.
+void connections_close();
 // The record of a connection, or nullptr.
 Connection *connection_of(MHD_Connection *connection);
 

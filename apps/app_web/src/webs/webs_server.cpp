@@ -514,6 +514,7 @@ void websClose()
         srv.daemon_watch.reset();
         MHD_stop_daemon(srv.daemon);  // closes the listening socket and every connection
     }
+    connections_close();
     srv.sweep.reset();
     srv = Server{};
 }

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <curl/curl.h>
 #include <curl/header.h>
@@ -396,6 +398,15 @@ long long now_ms()
 {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+bool skipped_under_emulation(const std::string &check, const std::string &why)
+{
+    const char *emulator = getenv("WEB_TEST_EMULATOR");
+    if (!emulator || !*emulator)
+        return false;
+    printf("[ SKIPPED  ] %s under %s: %s\n", check.c_str(), emulator, why.c_str());
+    return true;
 }
 
 Device::Device(const std::string &scenario, const std::string &routes, int port) : port_(port)

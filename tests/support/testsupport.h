@@ -118,6 +118,11 @@ std::string status_line(const std::string &raw);
 int temp_files();
 long long now_ms();
 
+// True, after printing what is left out and why, when the tests run under an emulator
+// (scripts/cross.sh ARCH test names it in WEB_TEST_EMULATOR): a check that measures memory
+// or time would measure the emulator too.
+bool skipped_under_emulation(const std::string &check, const std::string &why);
+
 // The whole device: the demo tree (with this routing file when given), the simulator and
 // the real webserver on 127.0.0.1:port, driven over HTTP.
 class Device {

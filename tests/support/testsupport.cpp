@@ -27,9 +27,6 @@ namespace fs = std::filesystem;
 
 namespace ts {
 
-namespace {
-
-// Whether done() holds within timeout_ms, looked at every 10 ms.
 bool eventually(const std::function<bool()> &done, int timeout_ms)
 {
     for (long long end = now_ms() + timeout_ms; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
@@ -37,6 +34,8 @@ bool eventually(const std::function<bool()> &done, int timeout_ms)
             return false;
     return true;
 }
+
+namespace {
 
 sockaddr_in address(const std::string &host, int port)
 {

@@ -122,6 +122,8 @@ std::string status_line(const std::string &raw);
 // counted once the requests in flight have ended (a request ends just after its reply).
 int temp_files();
 long long now_ms();
+// Whether done() holds within timeout_ms, looked at every 10 ms.
+bool eventually(const std::function<bool()> &done, int timeout_ms);
 
 // True, after printing what is left out and why, when the tests run under an emulator
 // (scripts/cross.sh ARCH test names it in WEB_TEST_EMULATOR): a check that measures memory

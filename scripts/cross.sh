@@ -62,7 +62,8 @@ if [ "$action" = test ] && [ -n "$profile" ]; then
     exit 2
 fi
 
-scripts/bootstrap.sh cross
+# The test command's packages hold the armhf compilers and qemu; arm64's come on demand.
+if [ "$arch" = arm64 ]; then scripts/bootstrap.sh cross; else scripts/bootstrap.sh; fi
 
 # --- apt with a private state folder, cache and sources list -----------------------------
 

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, then builds and runs every test twice: a normal build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the first report.
+# AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the first report; then
+# once more built for 32-bit ARM (armhf) and run under qemu-user, so that 32-bit faults show.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
@@ -22,3 +23,6 @@ for variant in normal sanitize; do
     echo "== $variant tests"
     ctest --test-dir "$dir" -j "$jobs" --output-on-failure
 done
+
+echo "== armhf build and tests under emulation"
+scripts/cross.sh armhf test

@@ -1,6 +1,9 @@
 // Watermark uploads and firmware upgrades through the real binary and the simulator: what is
 // checked, what is stored where, and what every refusal leaves behind.
+#include "common/owners.h"
 #include "testsupport.h"
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -131,7 +134,7 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
     EXPECT_EQ(std::set<std::string>{"new.jpg"}, watermark_files());
 }
 
-TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndEveryRequestEmptiesTheDirectory)
+TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndARefusedCallerChangesNothing)
 {
     const std::string digest = ts::kAdminDigest, refused = coded(-1, "Invalid username or password");
     std::string upper = digest;
@@ -145,10 +148,11 @@ TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndEveryRequestEmptiesT
         {"username=nobody&password=" + digest + "&", refused},
     };
     for (const auto &[caller, reply] : callers) {
+        ts::remove_tree(kWatermark);
         plant_old_images();
         EXPECT_EQ(reply, upload(caller + "fileName=new.png", png(800, 600), "image/png").body) << caller;
-        EXPECT_EQ(reply == ts::plain_ok() ? std::set<std::string>{"new.png"} : std::set<std::string>{},
-                  watermark_files())
+        const std::set<std::string> untouched = {"notes.txt", "old.png", "older.jpg"};
+        EXPECT_EQ(reply == ts::plain_ok() ? std::set<std::string>{"new.png"} : untouched, watermark_files())
             << caller;
     }
     // A request that carries no file part.
@@ -197,7 +201,9 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
     if (!ts::skipped_under_emulation("the server's peak memory", "the emulator's own memory would count")) {
         std::string status = ts::read_file("/proc/" + std::to_string(dev.server().pid()) + "/status");
         long peak_kib = std::stol(status.substr(status.find("VmHWM:") + 6));
-        EXPECT_LT(peak_kib, 16 * 1024) << "a 100 MiB image must not pass through the server's memory";
+        // About 7 MiB in a normal build; a sanitizer build keeps shadow memory beside it.
+        EXPECT_LT(peak_kib, 24 * 1024) << "a 100 MiB image must not pass through the server's memory";
+        std::cerr << "peak " << peak_kib << "\n";
     }
     EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
     for (int value = 0; value <= 100; value += 20)
@@ -224,6 +230,47 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
     }
     EXPECT_EQ(0, ts::temp_files());
     EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
+}
+
+// A connection that stays open while the test sends a body piece by piece.
+UniqueFd connection(int port)
+{
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{.sin_family = AF_INET,
+                     .sin_port = htons(static_cast<uint16_t>(port)),
+                     .sin_addr = {htonl(INADDR_LOOPBACK)},
+                     .sin_zero = {}};
+    EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    return fd;
+}
+
+std::string head_of_image(const std::string &query, unsigned long long length)
+{
+    return "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+           "Content-Length: " + std::to_string(length) + "\r\n\r\n";
+}
+
+// Images waiting in /tmp are bounded together: one of the largest size may wait, a second
+// large one beside it is refused, before it is sent when its length is known.
+TEST(Upgrade, ImagesWaitingInTemporaryFilesAreBoundedTogether)
+{
+    ts::Device dev("", "", 8082);
+    std::string query = "sessionid=" + dev.login();
+    const unsigned long long image = 200ull << 20;
+    UniqueFd first = connection(8082);
+    std::string head = head_of_image(query, 256ull << 20) + std::string(1 << 20, 'i');
+    ASSERT_EQ(head.size(), static_cast<size_t>(send(first.get(), head.data(), head.size(), MSG_NOSIGNAL)));
+    ASSERT_TRUE(ts::eventually([] { return ts::temp_files_now() == 1; }));
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(8082, head_of_image(query, image), 2000)));
+    std::string chunked = "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: x\r\n"
+                          "Connection: close\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (int i = 0; i < 24; ++i)
+        chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(8082, chunked + "0\r\n\r\n", 5000)));
+    // Once the first client is gone, its room is free again: the next body is awaited.
+    first.reset();
+    EXPECT_EQ(0, ts::temp_files());
+    EXPECT_EQ("", ts::raw_http(8082, head_of_image(query, image), 300));
 }
 
 // Routed to another application, "StartUpgrade" is relayed like any command and stores nothing.

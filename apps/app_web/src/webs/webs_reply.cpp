@@ -69,7 +69,7 @@ std::string error_page(unsigned status, const char *message)
 void complete(WebsPrivate *r)
 {
     r->done.store(true, std::memory_order_release);
-    resume_request(r);
+    reply_completed(r);
 }
 
 }  // namespace

@@ -121,7 +121,8 @@ bool get_bmp_width_height(const char *path, int *width, int *height)
     return true;
 }
 
-// The caller check: a live session, or credentials checked against the account store.
+} // namespace
+
 bool caller_allowed(Webs *wp, const RequestQuery &q)
 {
     if (!q.username || !q.password) {
@@ -152,6 +153,8 @@ bool caller_allowed(Webs *wp, const RequestQuery &q)
     }
     return true;
 }
+
+namespace {
 
 // Checks the picture's dimensions; false after writing the refusal.
 bool dimensions_allowed(Webs *wp, const WebsUpload *file, int *width, int *height)
@@ -243,13 +246,11 @@ int copyFile(const char *from, const char *to)
 
 void http_upload_image(Webs *wp, const RequestQuery &query)
 {
-    // The directory is emptied first, so even a refused upload leaves no image behind.
+    // The directory is emptied first (the caller was checked before the picture was taken
+    // in), so a refused picture leaves no image behind.
     HTTP_SYSTEM_CMD(kEmptyWatermark);
     if (system(kEmptyWatermark) != 0)
         HTTP_ERROR("system(%s) failed\n", kEmptyWatermark);
-
-    if (!caller_allowed(wp, query))
-        return;
     if (!query.fileName) {
         HTTP_ERROR("fileName:%s\n", "(null)");
         json_perror(wp, -1, "upload file name cannot be empty");

@@ -14,5 +14,11 @@ int GetPNGWidthHeight(const char *path, int *width, int *height);
 // Copies from into to in 1024-byte blocks. 0, or -1 after its error lines.
 int copyFile(const char *from, const char *to);
 
-// Runs the whole upload and writes its reply.
+// The caller check, made before any byte of the picture is taken in: a live session (which
+// it refreshes), or user name and password checked against the account store. False after
+// writing the refusal.
+bool caller_allowed(Webs *wp, const RequestQuery &q);
+
+// Runs the rest of the upload once the picture is in (it may wait on the card) and writes
+// its reply.
 void http_upload_image(Webs *wp, const RequestQuery &query);

@@ -2,6 +2,7 @@
 // headers, and room for a newcomer when the server is full. A connection is closed by
 // shutting its socket down; libmicrohttpd then sees the end of it and closes it itself.
 #include "common/log.h"
+#include "common/memory.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
@@ -17,6 +18,8 @@ namespace {
 
 // Every open connection, oldest first.
 std::list<Connection> open_connections;
+// The last connection has closed since the last sweep.
+bool went_idle = false;
 
 void evict(Connection &c)
 {
@@ -53,6 +56,8 @@ void connection_notify(void *, MHD_Connection *connection, void **socket_context
             }
         }
         *socket_context = nullptr;
+        if (open_connections.empty())
+            went_idle = true;
         return;
     }
     const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
@@ -87,6 +92,12 @@ void connections_sweep()
     for (Connection &c : open_connections)
         if (!c.in_request && !c.evicted && c.since <= due)
             evict(c);
+    // The server has gone idle: what its connections and requests took at their peak goes
+    // back to the system. Here, not at the close, libmicrohttpd has freed all of it, and the
+    // cost is paid at most once a sweep.
+    if (went_idle && open_connections.empty())
+        release_free_memory();
+    went_idle = false;
 }
 
 Connection *connection_of(MHD_Connection *connection)

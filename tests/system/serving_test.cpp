@@ -149,17 +149,6 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
     EXPECT_EQ(0, ts::temp_files());
 }
 
-// A connection that stays open while the test sends a body piece by piece.
-UniqueFd connection(int port)
-{
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{.sin_family = AF_INET,
-                     .sin_port = htons(static_cast<uint16_t>(port)),
-                     .sin_addr = {htonl(INADDR_LOOPBACK)},
-                     .sin_zero = {}};
-    EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
-    return fd;
-}
 
 // Bytes of data the server took before it closed the connection (all when it never did).
 size_t send_all(const UniqueFd &fd, const std::string &data)
@@ -172,7 +161,7 @@ size_t send_all(const UniqueFd &fd, const std::string &data)
 
 TEST_F(Serving, ABodyNobodyUsesIsDroppedAndNeverRead)
 {
-    UniqueFd document = connection(port);
+    UniqueFd document = ts::connect_from("127.0.0.1", port);
     send_all(document, head_of_body("GET", "/login.html", 1ull << 40));
     size_t taken = 0;
     std::string block(1 << 20, 'b');

@@ -232,17 +232,6 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
     EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
 }
 
-// A connection that stays open while the test sends a body piece by piece.
-UniqueFd connection(int port)
-{
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{.sin_family = AF_INET,
-                     .sin_port = htons(static_cast<uint16_t>(port)),
-                     .sin_addr = {htonl(INADDR_LOOPBACK)},
-                     .sin_zero = {}};
-    EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
-    return fd;
-}
 
 std::string head_of_image(const std::string &query, unsigned long long length)
 {
@@ -257,7 +246,7 @@ TEST(Upgrade, ImagesWaitingInTemporaryFilesAreBoundedTogether)
     ts::Device dev("", "", 8082);
     std::string query = "sessionid=" + dev.login();
     const unsigned long long image = 200ull << 20;
-    UniqueFd first = connection(8082);
+    UniqueFd first = ts::connect_from("127.0.0.1", 8082);
     std::string head = head_of_image(query, 256ull << 20) + std::string(1 << 20, 'i');
     ASSERT_EQ(head.size(), static_cast<size_t>(send(first.get(), head.data(), head.size(), MSG_NOSIGNAL)));
     ASSERT_TRUE(ts::eventually([] { return ts::temp_files_now() == 1; }));

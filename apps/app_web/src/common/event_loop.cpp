@@ -45,38 +45,6 @@ EventLoop::Scope::~Scope()
     current_loop = previous_;
 }
 
-EventLoop::Watch &EventLoop::Watch::operator=(Watch &&other) noexcept
-{
-    if (this != &other) {
-        reset();
-        loop_ = std::exchange(other.loop_, nullptr);
-        id_ = other.id_;
-    }
-    return *this;
-}
-
-void EventLoop::Watch::reset()
-{
-    if (loop_)
-        std::exchange(loop_, nullptr)->drop_watch(id_);
-}
-
-EventLoop::Timer &EventLoop::Timer::operator=(Timer &&other) noexcept
-{
-    if (this != &other) {
-        reset();
-        loop_ = std::exchange(other.loop_, nullptr);
-        id_ = other.id_;
-    }
-    return *this;
-}
-
-void EventLoop::Timer::reset()
-{
-    if (loop_)
-        std::exchange(loop_, nullptr)->drop_timer(id_);
-}
-
 EventLoop::Watch EventLoop::watch(int fd, uint32_t events, WatchFn fn)
 {
     uint64_t id = next_id_++;

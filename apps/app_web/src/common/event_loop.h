@@ -29,6 +29,9 @@ public:
 };
 
 class EventLoop {
+    void drop_watch(uint64_t id);
+    void drop_timer(uint64_t id);
+
 public:
     using Clock = std::chrono::steady_clock;
     using WatchFn = std::function<void(uint32_t events)>;
@@ -60,43 +63,45 @@ public:
         std::thread::id previous_owner_;
     };
 
-    // A watched descriptor: fn(events) runs on the loop while the watch lives (level-triggered).
-    class Watch {
+    // What a watch or a timer hands out: dropping it ends the watch or cancels the timer.
+    template <void (EventLoop::*drop)(uint64_t)>
+    class Handle {
     public:
-        Watch() = default;
-        Watch(Watch &&other) noexcept : loop_(std::exchange(other.loop_, nullptr)), id_(other.id_) {}
-        Watch &operator=(Watch &&other) noexcept;
-        ~Watch() { reset(); }
-        void reset();
+        Handle() = default;
+        Handle(Handle &&other) noexcept : loop_(std::exchange(other.loop_, nullptr)), id_(other.id_) {}
+        Handle &operator=(Handle &&other) noexcept
+        {
+            if (this != &other) {
+                reset();
+                loop_ = std::exchange(other.loop_, nullptr);
+                id_ = other.id_;
+            }
+            return *this;
+        }
+        ~Handle() { reset(); }
+        void reset()
+        {
+            if (loop_)
+                (std::exchange(loop_, nullptr)->*drop)(id_);
+        }
         explicit operator bool() const { return loop_ != nullptr; }
 
     private:
         friend class EventLoop;
-        Watch(EventLoop *loop, uint64_t id) : loop_(loop), id_(id) {}
+        Handle(EventLoop *loop, uint64_t id) : loop_(loop), id_(id) {}
         EventLoop *loop_ = nullptr;
         uint64_t id_ = 0;
     };
+
+    // A watched descriptor: fn(events) runs on the loop while the watch lives (level-triggered).
     // An empty watch when the kernel refuses the descriptor. Drop a watch before its
     // descriptor is closed: the number may be reused at once for a descriptor watched anew.
+    using Watch = Handle<&EventLoop::drop_watch>;
     Watch watch(int fd, uint32_t events, WatchFn fn);
 
     // A one-shot timer: fn runs on the loop once the delay has passed, unless the timer is
     // dropped first.
-    class Timer {
-    public:
-        Timer() = default;
-        Timer(Timer &&other) noexcept : loop_(std::exchange(other.loop_, nullptr)), id_(other.id_) {}
-        Timer &operator=(Timer &&other) noexcept;
-        ~Timer() { reset(); }
-        void reset();
-        explicit operator bool() const { return loop_ != nullptr; }
-
-    private:
-        friend class EventLoop;
-        Timer(EventLoop *loop, uint64_t id) : loop_(loop), id_(id) {}
-        EventLoop *loop_ = nullptr;
-        uint64_t id_ = 0;
-    };
+    using Timer = Handle<&EventLoop::drop_timer>;
     Timer after(std::chrono::milliseconds delay, std::function<void()> fn);
 
     // Runs fn on the loop at its next turn; any thread may call it.
@@ -135,8 +140,6 @@ private:
         std::function<void()> fn;
     };
 
-    void drop_watch(uint64_t id);
-    void drop_timer(uint64_t id);
     int wait_ms(int max_wait_ms) const;
     void run_timers();
     void run_posted();

@@ -96,6 +96,9 @@ MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Respo
     if (!response)
         return MHD_NO;
     MHD_add_response_header(response, MHD_HTTP_HEADER_X_CONTENT_TYPE_OPTIONS, "nosniff");
+    // The lines the request wrote come out before its reply can reach the client, who may
+    // read the log as soon as it has the answer.
+    log_flush();
     MHD_Result rc = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     if (debug_mode())

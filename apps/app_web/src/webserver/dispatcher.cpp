@@ -165,9 +165,15 @@ void admit(const RequestPtr &req)
     websReadBody(req->wp(), req->row->body, [req](Webs *) { process(req); });
 }
 
-// The probe and the touch: the plain success once the body is in, on the local turn.
-void answer_plainly(const RequestPtr &req)
+// The probe ("get": the session is not refreshed) and the touch ("set"): the plain success,
+// once the body is in, on the local turn.
+void session_probe(const RequestPtr &req, const char *access)
 {
+    const char *sid = req->query.sessionid;
+    if (check_session_id_valid(req->wp(), sid, access) != 0) {
+        HTTP_DEBUG("sessionId:%s\n", sid ? sid : "(null)");
+        return;
+    }
     websReadBody(req->wp(), req->row->body, [req](Webs *) {
         local_actions().run(false, req->hold, [req] { json_OK(req->wp()); });
     });
@@ -193,10 +199,7 @@ void gate(const RequestPtr &req)
         return;
     }
     if (access == Access::Probe) {
-        if (check_session_id_valid(wp, query.sessionid, "get") == 0)
-            answer_plainly(req);
-        else
-            HTTP_DEBUG("sessionId:%s\n", query.sessionid ? query.sessionid : "(null)");
+        session_probe(req, "get");
         return;
     }
     if (query.username && query.password) {
@@ -208,10 +211,7 @@ void gate(const RequestPtr &req)
         return;
     }
     if (access == Access::Touch) {
-        if (check_session_id_valid(wp, query.sessionid, "set") == 0)
-            answer_plainly(req);
-        else
-            HTTP_DEBUG("sessionId:%s\n", query.sessionid ? query.sessionid : "(null)");
+        session_probe(req, "set");
         return;
     }
     if (check_session_id_valid(wp, query.sessionid, req->access) == 0)

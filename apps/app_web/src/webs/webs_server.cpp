@@ -110,10 +110,11 @@ MHD_Result send_refusal(WebsPrivate *r)
                             r->allow.empty() ? nullptr : r->allow.c_str());
 }
 
-// Refuses a request. A request without a body (or one whose body was announced too large, or
-// finds no room in /tmp) is answered at once: libmicrohttpd then closes the connection
-// instead of reading a body. The rest of a body refused mid-way is read and dropped, so
-// that the refusal keeps the connection.
+// Refuses a request once the rest of its body has been read and dropped, which keeps the
+// connection for the next request (a route or method refused, a body refused mid-way). A
+// refusal that must not wait for a body (the body of a caller refused, too large, or without
+// room in /tmp) is sent at once with send_refusal: libmicrohttpd then closes the connection
+// instead of reading the body.
 MHD_Result refuse(WebsPrivate *r, int status, const char *message, const std::string &allow = {})
 {
     r->refusal = status;

@@ -2,7 +2,7 @@
 # DESTDIR says otherwise; never the build machine's own root). Paths below the staging
 # folder are the device's:
 #   mnt/app/bin/webserver                  the server
-#   mnt/app/web_root/                      the pages (demo/web_root without its recordings)
+#   mnt/app/web_root/                      the console's pages, gzip copies only
 #   mnt/app/web_root/config/               route file, authentication file, an example
 #                                          routing file (command_para) and its capability file
 #   mnt/app/web_root/sd/                   where the SD card is mounted
@@ -15,9 +15,8 @@ if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
 endif()
 
 install(TARGETS webserver RUNTIME DESTINATION mnt/app/bin)
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/demo/web_root/ DESTINATION mnt/app/web_root
-  PATTERN sd EXCLUDE
-  PATTERN .keep EXCLUDE)
+# The pages themselves (their gzip copies) are installed with the console (demo/CMakeLists.txt).
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/demo/web_root/config/ DESTINATION mnt/app/web_root/config)
 # Folders the device fills at run time.
 install(DIRECTORY DESTINATION mnt/app/web_root/sd)
 install(DIRECTORY DESTINATION mnt/app/web_root/images/watermark)

@@ -241,6 +241,8 @@ else
         cmake -S . -B "$build" $toolchain_args -DWEB_PROFILE="$profile" -DCMAKE_BUILD_TYPE=MinSizeRel \
         -DBUILD_TESTING=OFF >/dev/null
     cmake --build "$build" -j "$jobs" --target webserver
+    # The console's pages, which the device's tree holds.
+    [ "$action" != install ] || cmake --build "$build" -j "$jobs" --target console
     size=$(wc -c <"$build/bin/webserver")
     echo "cross.sh: $build/bin/webserver: $size bytes before stripping"
 fi

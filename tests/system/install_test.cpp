@@ -1,5 +1,5 @@
-// The device's tree from `cmake --install`, run the way a device runs it: the staged pages,
-// route and authentication files serve as they are, and the BusyBox-style start script keeps
+// The device's tree from `cmake --install`, run the way a device runs it: the staged pages
+// (gzip copies), route and authentication files serve as they are, and the BusyBox-style start script keeps
 // the server running and stops it with its supervisor.
 #include "testsupport.h"
 
@@ -46,7 +46,7 @@ TEST_F(Install, StagedTreeHoldsTheDeviceFilesAndServesAsItIs)
 {
     for (const char *program : {"/mnt/app/bin/webserver", "/etc/init.d/S50webserver"})
         EXPECT_TRUE(is_executable_file(kStage + std::string(program))) << program;
-    for (const char *file : {"/lib/systemd/system/webserver.service", "/mnt/app/web_root/login.html",
+    for (const char *file : {"/lib/systemd/system/webserver.service", "/mnt/app/web_root/login.html.gz",
                              "/mnt/app/web_root/config/route.txt", "/mnt/app/web_root/config/auth.txt",
                              "/mnt/app/web_root/config/command_para"})
         EXPECT_TRUE(fs::is_regular_file(kStage + std::string(file))) << file;
@@ -59,9 +59,11 @@ TEST_F(Install, StagedTreeHoldsTheDeviceFilesAndServesAsItIs)
     ts::write_file(ts::kPortFile, "{\n\t\"Port\":\t8080\n}");  // a device without one stores 80
     ts::Process server({kServer, "8080", "lo"}, "/tmp/webserver.log");
     ASSERT_TRUE(ts::wait_for_port("127.0.0.1", 8080, true)) << server.log();
-    ts::HttpReply page = ts::http({.url = ts::local_url(8080, "/")});
+    EXPECT_FALSE(ts::exists("/mnt/app/web_root/login.html")) << "the device keeps only the gzip copies";
+    ts::HttpReply page = ts::http({.url = ts::local_url(8080, "/"), .headers = {"Accept-Encoding: gzip"}});
     EXPECT_EQ(200, page.status);
-    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html"), page.body);
+    EXPECT_EQ("gzip", page.headers["content-encoding"]);
+    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html.gz"), page.body);
     ts::HttpReply language = ts::http({.method = "POST", .url = ts::local_url(8080, "/action/device/get_Language_Format")});
     EXPECT_NE(std::string::npos, language.body.find("\"Result\":\t\"OK\"")) << language.body;
     ts::HttpReply route = ts::http({.url = ts::local_url(8080, "/config/route.txt")});
@@ -134,7 +136,7 @@ TEST_F(Install, StartScriptStartsTheServerAgainWhenItEndsAndStopEndsServerAndSup
         10000))
         << ts::read_file("/tmp/syslog.log");
     EXPECT_NE(std::string::npos, ts::read_file("/tmp/syslog.log").find("webserver ended (status 137), starting it again"));
-    EXPECT_EQ(200, ts::http({.url = ts::local_url(8080, "/login.html")}).status);
+    EXPECT_EQ(200, ts::http({.url = ts::local_url(8080, "/login.html"), .headers = {"Accept-Encoding: gzip"}}).status);
 
     {
         int fd = open("/tmp/control", O_WRONLY | O_CLOEXEC);

@@ -1,13 +1,18 @@
 #!/bin/sh
 # Installs the Debian packages that building, running and testing need; only what is missing.
-# Usage: scripts/bootstrap.sh [bench]   ("bench" adds the benchmark tools)
+# Usage: scripts/bootstrap.sh [bench|cross]   ("bench" adds the benchmark tools, "cross" the
+# 64-bit ARM compilers; the test command itself needs the 32-bit ARM ones and qemu-user)
 set -eu
 
 packages="build-essential cmake pkg-config libmicrohttpd-dev libcjson-dev libnanomsg-dev
           libgtest-dev libcurl4-openssl-dev curl net-tools iproute2 util-linux procps
-          gzip node-blueimp-md5 chromium chromium-driver python3-selenium python3-jsonschema python3-yaml"
+          gzip node-blueimp-md5 chromium chromium-driver python3-selenium python3-jsonschema python3-yaml
+          crossbuild-essential-armhf qemu-user dpkg-dev"
 if [ "${1:-}" = "bench" ]; then
     packages="$packages wrk nginx-light valgrind"
+fi
+if [ "${1:-}" = "cross" ]; then
+    packages="$packages crossbuild-essential-arm64"
 fi
 
 missing=""

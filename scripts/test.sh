@@ -1,8 +1,9 @@
 #!/bin/sh
-# Installs what is missing, then builds and runs the tests three times: every test in a
+# Installs what is missing, then builds and runs the tests four times: every test in a
 # normal build and in an AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the
-# first report, and the system tests (the real server's threads at work) in a
-# ThreadSanitizer build.
+# first report, the system tests (the real server's threads at work) in a ThreadSanitizer
+# build, and every test built for 32-bit ARM (armhf) under qemu-user, so that 32-bit faults
+# show.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
@@ -25,3 +26,6 @@ for variant in normal sanitize thread; do
     # shellcheck disable=SC2086 # an optional label filter
     ctest --test-dir "$dir" -j "$jobs" --output-on-failure $tests
 done
+
+echo "== armhf build and tests under emulation"
+scripts/cross.sh armhf test

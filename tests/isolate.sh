@@ -3,7 +3,8 @@
 #   - /mnt and /tmp are fresh, empty tmpfs mounts, so the device paths belong to the test;
 #   - every reboot and sync program is a stand-in that only records its call in
 #     /tmp/standins.log (a user namespace cannot set the clock or call reboot(2), but a
-#     reboot program could still ask the init system over a socket);
+#     reboot program could still ask the init system over a socket); logger keeps what
+#     would go to the machine's system log in /tmp/syslog.log;
 #   - the network has its own loopback and an "eth0" (192.0.2.10) when veth is available,
 #     so tests may use any port and never meet the machine's services.
 # Usage: isolate.sh [--standins DIR] COMMAND [ARGS...]

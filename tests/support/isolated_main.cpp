@@ -14,13 +14,14 @@ bool is_tmpfs(const char *path)
     return statfs(path, &st) == 0 && st.f_type == TMPFS_MAGIC;
 }
 
-// The initial user namespace maps the whole 32-bit range onto itself.
+// The initial user namespace maps the whole 32-bit range onto itself. The count needs 64
+// bits: in a 32-bit long it could never equal 2^32 - 1, and the guard would never refuse.
 bool in_initial_user_namespace()
 {
     std::ifstream in("/proc/self/uid_map");
-    long inside = -1, outside = -1, count = -1;
+    unsigned long long inside = 0, outside = 0, count = 0;
     in >> inside >> outside >> count;
-    return count == 4294967295L;
+    return count == 4294967295ULL;
 }
 
 } // namespace

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <curl/curl.h>
 #include <curl/header.h>
@@ -69,6 +71,12 @@ void log_action_reply(const std::string &url, const HttpReply &reply)
 } // namespace
 
 std::string bin_path(const std::string &name) { return std::string(WEB_BIN_DIR) + "/" + name; }
+
+std::string host_tool_path(const std::string &name)
+{
+    const char *dir = getenv("WEB_TEST_HOST_BIN");
+    return dir && *dir ? std::string(dir) + "/" + name : bin_path(name);
+}
 
 void write_file(const std::string &path, const std::string &content, mode_t mode)
 {
@@ -279,12 +287,13 @@ int run(const std::vector<std::string> &argv, std::string *output, int timeout_m
     return status;
 }
 
-Process start_server(const std::vector<std::string> &args)
+Process start_server(const std::vector<std::string> &args, const std::vector<std::string> &launcher)
 {
     int port = args.empty() ? 0 : static_cast<int>(strtol(args[0].c_str(), nullptr, 10));
     if (port > 0 && port < 65536 && exists("/mnt/usr/config/app_parameters") && !exists(kPortFile))
         write_file(kPortFile, "{\n\t\"Port\":\t" + std::to_string(port) + "\n}");
-    std::vector<std::string> argv{bin_path("webserver")};
+    std::vector<std::string> argv = launcher;
+    argv.push_back(bin_path("webserver"));
     argv.insert(argv.end(), args.begin(), args.end());
     return Process(argv, "/tmp/webserver.log");
 }
@@ -456,13 +465,24 @@ long long now_ms()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-Device::Device(const std::string &scenario, const std::string &routes, int port) : port_(port)
+bool skipped_under_emulation(const std::string &check, const std::string &why)
+{
+    const char *emulator = getenv("WEB_TEST_EMULATOR");
+    if (!emulator || !*emulator)
+        return false;
+    printf("[ SKIPPED  ] %s under %s: %s\n", check.c_str(), emulator, why.c_str());
+    return true;
+}
+
+Device::Device(const std::string &scenario, const std::string &routes, int port,
+               const std::vector<std::string> &launcher)
+    : port_(port)
 {
     lay_out_demo_tree();
     if (!routes.empty())
         write_file("/mnt/app/web_root/config/command_para", routes);
     sim_ = start_sim(scenario);
-    server_ = start_server({std::to_string(port), "lo"});
+    server_ = start_server({std::to_string(port), "lo"}, launcher);
     EXPECT_TRUE(wait_for_port("127.0.0.1", port, true)) << server_.log();
 }
 

@@ -17,6 +17,10 @@ constexpr char kAccountFile[] = "/mnt/usr/config/app_parameters/usermgnt_para";
 constexpr char kAdminDigest[] = "45b5d899e8cbbf16302d286d2c2f8e9d";  // of the default password "tavel"
 
 std::string bin_path(const std::string &name);  // a binary of this build
+// A helper that acts on this machine's processes themselves (tests/tools/enosys sets up a
+// seccomp filter, which an emulator would refuse): built for the machine even when the
+// tests run emulated, in the folder that WEB_TEST_HOST_BIN names then.
+std::string host_tool_path(const std::string &name);
 void write_file(const std::string &path, const std::string &content, mode_t mode = 0644);
 std::string read_file(const std::string &path);
 bool exists(const std::string &path);  // a dangling link counts
@@ -91,7 +95,8 @@ private:
 int run(const std::vector<std::string> &argv, std::string *output = nullptr, int timeout_ms = 30000);
 // build/bin/webserver with these arguments. A device without a port file stores 80 at start
 // and the stored port wins, so the command line's port is stored unless the test stored one.
-Process start_server(const std::vector<std::string> &args);
+// A launcher (a program and its arguments) runs the server when given.
+Process start_server(const std::vector<std::string> &args, const std::vector<std::string> &launcher = {});
 // devicesim on the routing file (and a scenario when given), serving when returned.
 Process start_sim(const std::string &scenario_json = "");
 
@@ -135,11 +140,17 @@ void wait_for_second(long long second);
 // Waits until a second has just begun and returns it: what happens next falls in it.
 long long fresh_second();
 
+// True, after printing what is left out and why, when the tests run under an emulator
+// (scripts/cross.sh ARCH test names it in WEB_TEST_EMULATOR): a check that measures memory
+// or time would measure the emulator too.
+bool skipped_under_emulation(const std::string &check, const std::string &why);
+
 // The whole device: the demo tree (with this routing file when given), the simulator and
 // the real webserver on 127.0.0.1:port, driven over HTTP.
 class Device {
 public:
-    explicit Device(const std::string &scenario = "", const std::string &routes = "", int port = 8080);
+    explicit Device(const std::string &scenario = "", const std::string &routes = "", int port = 8080,
+                    const std::vector<std::string> &launcher = {});
     // POST body to /action/device/ACTION?QUERY (query without "?").
     HttpReply call(const std::string &action, const std::string &query = "", const std::string &body = "");
     std::string login(int timeout = 600);  // as admin; the session id ("" on failure)

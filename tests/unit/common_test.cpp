@@ -2,11 +2,13 @@
 // is proven through the parsers that use it (language, clock, accounts, login).
 #include "common/cfgfile.h"
 #include "common/log.h"
+#include "common/memory.h"
 #include "common/syscmd.h"
 #include "testsupport.h"
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
 #include <sys/wait.h>
@@ -142,3 +144,37 @@ TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
 }
 
 } // namespace
+
+namespace {
+
+long resident_kib()
+{
+    std::string status = ts::read_file("/proc/self/status");
+    return std::stol(status.substr(status.find("VmRSS:") + 6));
+}
+
+}  // namespace
+
+TEST(Memory, FreedBlocksBelowALiveOneGoBackToTheSystem)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's allocator is not the C library's";
+#endif
+    if (ts::skipped_under_emulation("the test's resident memory", "the emulator's own memory would count"))
+        GTEST_SKIP();
+    // 16 MiB in small blocks, all freed but the last: the heap's top stays in use, so only
+    // a trim of the free pages below it can give them back.
+    std::vector<void *> blocks(16 * 1024);
+    for (void *&b : blocks) {
+        b = malloc(1000);
+        ASSERT_NE(nullptr, b);
+        memset(b, 1, 1000);
+    }
+    for (size_t i = 0; i + 1 < blocks.size(); ++i)
+        free(blocks[i]);
+    long before = resident_kib();
+    release_free_memory();
+    long after = resident_kib();
+    free(blocks.back());
+    EXPECT_LT(after, before - 8 * 1024) << "before " << before << " KiB, after " << after << " KiB";
+}

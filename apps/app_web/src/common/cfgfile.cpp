@@ -97,8 +97,9 @@ int http_get_cfgfile(const char *cfg_name, void *cfg_data, long size)
         HTTP_ERROR("stat file:%s error=%d(%s)\n", cfg_name, e, strerror(e));
         return -1;
     }
-    if (static_cast<long>(st.st_size) != size) {
-        HTTP_ERROR("%s (%ld != %ld)\n", cfg_name, static_cast<long>(st.st_size), size);
+    // Compared in the file's own width: cut to a 32-bit long, a file 4 GiB larger would match.
+    if (st.st_size != static_cast<off_t>(size)) {
+        HTTP_ERROR("%s (%lld != %ld)\n", cfg_name, static_cast<long long>(st.st_size), size);
         return -1;
     }
 

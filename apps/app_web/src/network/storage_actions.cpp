@@ -2,8 +2,8 @@
 
 #include "actions/reply_text.h"
 #include "common/log.h"
+#include "common/memory.h"
 
-#include <malloc.h>
 #include <memory>
 #include <new>
 #include <unistd.h>
@@ -49,9 +49,7 @@ int actiongetVideoDirectory(const char * /*in_json*/, char **out_json)
     // library keeps resident after free; hand those pages back so the reply does not add to
     // them.
     list.reset();
-#ifdef __GLIBC__
-    malloc_trim(0);
-#endif
+    release_free_memory();
     if (rc != 0 || !listing) {
         HTTP_ERROR("get Storage Param fail  return : %d\n", rc);
         formatFailCallJSON(out_json, kReasonNotMounted);

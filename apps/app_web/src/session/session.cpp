@@ -1,13 +1,16 @@
 #include "session/session.h"
 
+#include "common/owners.h"
 #include "json2c/json_fields.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <mutex>
 #include <sys/random.h>
+#include <unistd.h>
 
 UserSession user_sessions[kMaxSessions];
 
@@ -46,6 +49,19 @@ int find_slot(const char *session_id)
     return -1;
 }
 
+// Kernels before 3.17 have no getrandom; they offer the same source as /dev/urandom.
+bool read_urandom(void *buf, size_t size)
+{
+    UniqueFd fd(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return false;
+    ssize_t n;
+    do {
+        n = read(fd.get(), buf, size);
+    } while (n < 0 && errno == EINTR);
+    return n == static_cast<ssize_t>(size);
+}
+
 } // namespace
 
 unsigned short gen_ushort_rand(bool *ok)
@@ -57,7 +73,10 @@ unsigned short gen_ushort_rand(bool *ok)
     do {
         n = getrandom(&value, sizeof value, 0);
     } while (n < 0 && errno == EINTR);
-    *ok = n == static_cast<ssize_t>(sizeof value);
+    if (n < 0 && errno == ENOSYS)
+        *ok = read_urandom(&value, sizeof value);
+    else
+        *ok = n == static_cast<ssize_t>(sizeof value);
     return value;
 }
 

@@ -17,7 +17,8 @@ struct UserSession {
 
 extern UserSession user_sessions[kMaxSessions];
 
-// A 16-bit value from the kernel's random source; *ok becomes false when it failed.
+// A 16-bit value from the kernel's random source (getrandom, or /dev/urandom on kernels
+// without it); *ok becomes false when it failed.
 unsigned short gen_ushort_rand(bool *ok);
 
 // Creates a session; *session_id then points at the id inside the table. -1 when the user

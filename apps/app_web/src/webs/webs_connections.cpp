@@ -3,6 +3,7 @@
 // shutting its socket down; libmicrohttpd then sees the end of it and closes it itself.
 // A connection answered before its body was read lingers after libmicrohttpd closed it.
 #include "common/log.h"
+#include "common/memory.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
@@ -22,6 +23,8 @@ namespace {
 
 // Every open connection, oldest first.
 std::list<Connection> open_connections;
+// The last connection has closed since the last sweep.
+bool went_idle = false;
 
 // A closed connection whose client may still be sending a refused body: its input is read
 // and dropped until the client closes its end, kLingerMs pass or kMaxDiscard bytes came, so
@@ -106,6 +109,8 @@ void connection_notify(void *, MHD_Connection *connection, void **socket_context
             }
         }
         *socket_context = nullptr;
+        if (open_connections.empty())
+            went_idle = true;
         return;
     }
     const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
@@ -140,6 +145,12 @@ void connections_sweep()
     for (Connection &c : open_connections)
         if (!c.in_request && !c.evicted && c.since <= due)
             evict(c);
+    // The server has gone idle: what its connections and requests took at their peak goes
+    // back to the system. Here, not at the close, libmicrohttpd has freed all of it, and the
+    // cost is paid at most once a sweep.
+    if (went_idle && open_connections.empty())
+        release_free_memory();
+    went_idle = false;
 }
 
 void connections_close()

@@ -234,6 +234,11 @@ TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessIt
     }
     ts::remove_tree(kCapFile);
     EXPECT_EQ(ts::fail("Failed to get params"), get_cap(kCapFile.c_str()).reply);
+    // A routing line without a file gives an empty path: a path that yields no file, not a bad call.
+    ts::Outcome empty = get_cap("");
+    EXPECT_EQ(ts::fail("Failed to get params"), empty.reply);
+    EXPECT_EQ(-1, empty.rc);
+    EXPECT_NE(std::string::npos, empty.out.find("open  failed use default para\n")) << empty.out;
     EXPECT_EQ(ts::fail("Invalid input params"), get_cap(nullptr).reply);
 }
 

@@ -1,12 +1,16 @@
-// The web layer's defences: the Host and Origin checks, and the framing check over the header
-// fields libmicrohttpd delivers (and what its own strictness would catch).
+// The web layer's defences: the Host and Origin checks, the framing check over the header
+// fields libmicrohttpd delivers (and what its own strictness would catch), and the headers
+// every reply carries.
 #include "testsupport.h"
+#include "webs/webs.h"
 #include "webs/webs_framing.h"
 #include "webs/webs_guard.h"
 
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <microhttpd.h>
+#include <thread>
 
 namespace {
 
@@ -230,6 +234,86 @@ TEST_F(Framing, ObsFoldBecomesPartOfTheFieldNameAndABareLineFeedAnOrdinaryLineEn
     std::string bare = send("GET /a HTTP/1.1\nHost: x\nX-Bare: a\nConnection: close\n\n");
     EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(bare));
     EXPECT_NE(std::string::npos, bare.find("[Host=x][X-Bare=a][Connection=close]")) << bare;
+}
+
+// The layer's own server: the headers on every kind of reply.
+class Layer : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        signal(SIGPIPE, SIG_IGN);
+        ts::reset_device_tree();
+        ts::write_file("/mnt/www/page.html", "<p>page</p>");
+        ts::write_file("/mnt/routes.txt", "route uri=/action handler=action methods=GET|POST\n"
+                                          "route uri=/private handler=file methods=\n"
+                                          "route uri=/ handler=file methods=GET|HEAD\n");
+        ASSERT_EQ(0, websOpen("/mnt/www", "/mnt/routes.txt"));
+        port = ts::free_port();
+        ASSERT_GE(websListen(("http://127.0.0.1:" + std::to_string(port)).c_str()), 0);
+        websDefineAction("json", [](Webs *wp) {
+            websWrite(wp, "%s", "{}");
+            websDone(wp);
+        });
+        websDefineAction("error", [](Webs *wp) { websError(wp, 403, "no"); });
+        websDefineAction("silent", [](Webs *) {});
+        finished = 0;
+        loop = std::thread([this] { websServiceEvents(&finished); });
+    }
+    void TearDown() override
+    {
+        finished = 1;
+        loop.join();
+        websClose();
+    }
+
+    std::string get(const std::string &target, const std::string &extra = "")
+    {
+        return ts::raw_http(port, "GET " + target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + extra + "\r\n",
+                            2000);
+    }
+
+    int port = 0;
+    std::atomic<int> finished{1};
+    std::thread loop;
+};
+
+TEST_F(Layer, EveryKindOfReplyForbidsSniffingFramingAndReferrersAndActionRepliesAreNeverStored)
+{
+    const std::string security = "X-Content-Type-Options: nosniff\r\nX-Frame-Options: DENY\r\n"
+                                 "Content-Security-Policy: frame-ancestors 'none'\r\nReferrer-Policy: no-referrer\r\n";
+    struct Case {
+        std::string target, extra, status;
+        bool no_store;  // action replies and error pages; documents may be kept
+    };
+    const Case cases[] = {
+        {"/page.html", "", "200 OK", false},
+        {"/page.html", "Range: bytes=1-2\r\n", "206 Partial Content", false},
+        {"/page.html", "Range: bytes=90-\r\n", "416 Range Not Satisfiable", false},
+        {"/page.html", "If-Modified-Since: Fri, 01 Jan 2100 00:00:00 GMT\r\n", "304 Not Modified", false},
+        {"/missing.html", "", "404 Not Found", true},
+        {"/private/x", "", "403 Forbidden", true},
+        {"/action/json", "", "200 OK", true},
+        {"/action/error", "", "403 Forbidden", true},
+        {"/action/silent", "", "500 Internal Server Error", true},
+    };
+    for (const Case &c : cases) {
+        std::string got = get(c.target, c.extra);
+        std::string head = got.substr(0, got.find("\r\n\r\n") + 2);
+        EXPECT_EQ("HTTP/1.1 " + c.status, ts::status_line(got)) << c.target;
+        size_t at = 0;
+        for (size_t line = 0; (line = security.find("\r\n", at)) != std::string::npos; at = line + 2)
+            EXPECT_NE(std::string::npos, head.find(security.substr(at, line + 2 - at))) << c.target << "\n" << head;
+        EXPECT_EQ(c.no_store ? 1u : 0u, ts::occurrences(head, "Cache-Control: no-store\r\n")) << c.target << head;
+        EXPECT_EQ(c.no_store ? 1u : 0u, ts::occurrences(head, "Cache-Control")) << c.target << head;
+    }
+}
+
+// The exception: libmicrohttpd writes these pages itself and lets nobody add a header.
+TEST_F(Layer, LibmicrohttpdsOwnPagesAreTheOnlyRepliesWithoutTheHeaders)
+{
+    std::string big = ts::raw_http(port, "GET / HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n");
+    EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large", ts::status_line(big));
+    EXPECT_EQ(std::string::npos, big.find("nosniff"));
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <microhttpd.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -306,6 +307,28 @@ TEST_F(Layer, EveryKindOfReplyForbidsSniffingFramingAndReferrersAndActionReplies
         EXPECT_EQ(c.no_store ? 1u : 0u, ts::occurrences(head, "Cache-Control: no-store\r\n")) << c.target << head;
         EXPECT_EQ(c.no_store ? 1u : 0u, ts::occurrences(head, "Cache-Control")) << c.target << head;
     }
+}
+
+// Whatever an upload was named, the picture folder serves it only as a picture.
+TEST_F(Layer, ThePictureFolderServesOnlyPictures)
+{
+    const std::string folder = "/mnt/www/images/watermark/";
+    for (const char *name : {"a.png", "b.JPG", "c.jpeg", "d.bmp", "x.html", "x.svg", "x.js", "x.gif", "noext"})
+        ts::write_file(folder + name, "<script>alert(1)</script>");
+    ts::write_file("/mnt/www/images/x.html", "page");
+    const std::pair<const char *, const char *> served[] = {
+        {"a.png", "image/png"}, {"b.JPG", "image/jpeg"}, {"c.jpeg", "image/jpeg"}, {"d.bmp", "image/bmp"}};
+    for (const auto &[name, type] : served) {
+        std::string got = get("/images/watermark/" + std::string(name));
+        EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(got)) << name;
+        EXPECT_NE(std::string::npos, got.find("Content-Type: " + std::string(type) + "\r\n")) << got;
+    }
+    for (const char *name : {"x.html", "x.svg", "x.js", "x.gif", "noext"})
+        EXPECT_EQ("HTTP/1.1 404 Not Found", ts::status_line(get("/images/watermark/" + std::string(name)))) << name;
+    EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(get("/images/x.html"))) << "other folders are not concerned";
+    // A link elsewhere into the folder leads to the same rule.
+    ASSERT_EQ(0, symlink((folder + "x.html").c_str(), "/mnt/www/alias.html"));
+    EXPECT_EQ("HTTP/1.1 404 Not Found", ts::status_line(get("/alias.html")));
 }
 
 // The exception: libmicrohttpd writes these pages itself and lets nobody add a header.

@@ -11,6 +11,7 @@
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -57,6 +58,11 @@ constexpr MimeType kMimeTypes[] = {
     {"h265", "video/h265"},
     {"pdf", "application/pdf"},
 };
+
+// The folder of uploaded pictures, and the only types served from it: a file there is never
+// taken as a page or script of the device's origin, whatever its name.
+constexpr std::string_view kPictureFolder = "/images/watermark/";
+constexpr std::string_view kPictureTypes[] = {"image/jpeg", "image/png", "image/bmp"};
 
 enum class RangeKind { Whole, Part, Unsatisfiable };
 
@@ -276,6 +282,9 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
     uint64_t size = static_cast<uint64_t>(st.st_size);
     std::string modified = http_date(st.st_mtime);
     const char *type = mime_type(resolved);
+    if (std::string_view(resolved).substr(cfg.root.size()).starts_with(kPictureFolder) &&
+        std::find(std::begin(kPictureTypes), std::end(kPictureTypes), type) == std::end(kPictureTypes))
+        return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
     bool head = strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
 
     if (not_modified(connection, st.st_mtime)) {

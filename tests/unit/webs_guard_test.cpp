@@ -331,6 +331,22 @@ TEST_F(Layer, ThePictureFolderServesOnlyPictures)
     EXPECT_EQ("HTTP/1.1 404 Not Found", ts::status_line(get("/alias.html")));
 }
 
+// A multipart body whose closing boundary is broken is the client's fault, not a failure to
+// store the file part it was in.
+TEST_F(Layer, AMultipartBodyBrokenInsideItsFilePartIsABadRequest)
+{
+    const std::string head = "--bnd\r\nContent-Disposition: form-data; name=\"file\"; filename=\"a.png\"\r\n"
+                             "Content-Type: image/png\r\n\r\n" + std::string(600, 'x') + "\r\n";
+    for (const std::string &end : {std::string("--bndxxxx"), std::string("--bnd--\r\n")}) {
+        std::string body = head + end;
+        std::string got = ts::raw_http(port, "POST /action/json HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                                             "Content-Type: multipart/form-data; boundary=bnd\r\nContent-Length: " +
+                                                 std::to_string(body.size()) + "\r\n\r\n" + body,
+                                       2000);
+        EXPECT_EQ(end == "--bndxxxx" ? "HTTP/1.1 400 Bad Request" : "HTTP/1.1 200 OK", ts::status_line(got)) << end;
+    }
+}
+
 // The exception: libmicrohttpd writes these pages itself and lets nobody add a header.
 TEST_F(Layer, LibmicrohttpdsOwnPagesAreTheOnlyRepliesWithoutTheHeaders)
 {

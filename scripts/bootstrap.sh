@@ -4,7 +4,8 @@
 set -eu
 
 packages="build-essential cmake pkg-config libmicrohttpd-dev libcjson-dev libnanomsg-dev
-          libgtest-dev libcurl4-openssl-dev curl net-tools iproute2 util-linux procps"
+          libgtest-dev libcurl4-openssl-dev curl net-tools iproute2 util-linux procps
+          clang libclang-rt-14-dev"
 if [ "${1:-}" = "bench" ]; then
     packages="$packages wrk nginx-light valgrind"
 fi

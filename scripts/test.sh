@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, then builds and runs every test twice: a normal build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the first report.
+# AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the first report. Then
+# every fuzz target runs for a few seconds (scripts/fuzz.sh runs them longer).
 set -eu
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
@@ -22,3 +23,6 @@ for variant in normal sanitize; do
     echo "== $variant tests"
     ctest --test-dir "$dir" -j "$jobs" --output-on-failure
 done
+
+echo "== fuzz targets, 3 s each"
+scripts/fuzz.sh 3

@@ -5,12 +5,13 @@
 #   - large file (100 MiB): curl's transfer rate.
 # nginx runs with "worker_processes 1", like this server's single event loop.
 # Targets: at least nginx's request rate, and at least 90 % of its transfer rate.
-# Usage: bench/static.sh [SECONDS] [CONNECTIONS] [ROUNDS]    (defaults 5, 32 and 5)
+# Usage: bench/static.sh [SECONDS] [CONNECTIONS] [ROUNDS]    (defaults 5, 8 and 5; this server takes
+# at most 8 connections from one address, and wrk has only one)
 set -eu
 cd "$(dirname "$0")/.."
 bench_targets=webserver
 . bench/prepare.sh
-seconds=${1:-5} connections=${2:-32} rounds=${3:-5}
+seconds=${1:-5} connections=${2:-8} rounds=${3:-5}
 
 . bench/device_env.sh
 

@@ -1,7 +1,9 @@
 #!/bin/sh
-# Installs what is missing, then builds and runs every test twice: a normal build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the first report. Then
-# every fuzz target runs for a few seconds (scripts/fuzz.sh runs them longer).
+# Installs what is missing, then builds and runs the tests three times: every test in a
+# normal build and in an AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the
+# first report, and the system tests (the real server's threads at work) in a
+# ThreadSanitizer build. Then every fuzz target runs for a few seconds (scripts/fuzz.sh runs
+# them longer).
 set -eu
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
@@ -9,19 +11,20 @@ scripts/bootstrap.sh
 jobs=$(nproc 2>/dev/null || echo 2)
 export ASAN_OPTIONS="halt_on_error=1:abort_on_error=0:detect_leaks=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 
-for variant in normal sanitize; do
-    dir=build
-    flags="-DWEB_SANITIZE=OFF"
-    if [ "$variant" = sanitize ]; then
-        dir=build-asan
-        flags="-DWEB_SANITIZE=ON"
-    fi
+for variant in normal sanitize thread; do
+    case $variant in
+        normal) dir=build flags="-DWEB_SANITIZE=OFF -DWEB_TSAN=OFF" tests="" ;;
+        sanitize) dir=build-asan flags="-DWEB_SANITIZE=ON -DWEB_TSAN=OFF" tests="" ;;
+        thread) dir=build-tsan flags="-DWEB_SANITIZE=OFF -DWEB_TSAN=ON" tests="-L system" ;;
+    esac
     echo "== $variant build ($dir)"
     cmake -S . -B "$dir" $flags >/dev/null
     cmake --build "$dir" -j "$jobs"
     echo "== $variant tests"
-    ctest --test-dir "$dir" -j "$jobs" --output-on-failure
+    # shellcheck disable=SC2086 # an optional label filter
+    ctest --test-dir "$dir" -j "$jobs" --output-on-failure $tests
 done
 
 echo "== fuzz targets, 3 s each"

@@ -25,9 +25,6 @@ namespace fs = std::filesystem;
 
 namespace ts {
 
-namespace {
-
-// Whether done() holds within timeout_ms, looked at every 10 ms.
 bool eventually(const std::function<bool()> &done, int timeout_ms)
 {
     for (long long end = now_ms() + timeout_ms; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
@@ -35,6 +32,8 @@ bool eventually(const std::function<bool()> &done, int timeout_ms)
             return false;
     return true;
 }
+
+namespace {
 
 sockaddr_in address(const std::string &host, int port)
 {
@@ -213,6 +212,16 @@ Process &Process::operator=(Process &&other) noexcept
     return *this;
 }
 
+bool Process::freeze()
+{
+    kill(pid_, SIGSTOP);
+    return eventually([this] {
+        std::string stat = read_file("/proc/" + std::to_string(pid_) + "/stat");
+        size_t close = stat.rfind(')');
+        return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] == 'T';
+    });
+}
+
 bool Process::running()
 {
     int st;
@@ -274,6 +283,16 @@ Process start_sim(const std::string &scenario_json)
     Process sim(argv, "/tmp/devicesim.log");
     EXPECT_TRUE(sim.wait_for_log("devicesim: ready\n", 5000)) << sim.log();
     return sim;
+}
+
+UniqueFd connect_from(const std::string &source, int port)
+{
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in from = address(source, 0);
+    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
+        !connect_to(fd.get(), "127.0.0.1", port))
+        return UniqueFd();
+    return fd;
 }
 
 bool port_accepts(const std::string &host, int port)
@@ -378,18 +397,40 @@ std::string raw_http(int port, const std::string &request, int timeout_ms)
 
 std::string status_line(const std::string &raw) { return raw.substr(0, raw.find("\r\n")); }
 
+int temp_files_now()
+{
+    int n = 0;
+    for (auto &e : fs::directory_iterator("/tmp")) {
+        std::string name = e.path().filename();
+        n += name.starts_with("webs-") || name.starts_with(".upgrade-");
+    }
+    return n;
+}
+
 int temp_files()
 {
     int n = 0;
-    eventually([&n] {
-        n = 0;
-        for (auto &e : fs::directory_iterator("/tmp")) {
-            std::string name = e.path().filename();
-            n += name.starts_with("webs-") || name.starts_with(".upgrade-");
-        }
-        return n == 0;
-    }, 1000);
+    eventually([&n] { return (n = temp_files_now()) == 0; }, 1000);
     return n;
+}
+
+long long monotonic_seconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec;
+}
+
+void wait_for_second(long long second)
+{
+    eventually([second] { return monotonic_seconds() >= second; }, 60000);
+}
+
+long long fresh_second()
+{
+    long long next = monotonic_seconds() + 1;
+    wait_for_second(next);
+    return next;
 }
 
 long long now_ms()

@@ -2,6 +2,8 @@
 // tests/isolate.sh makes; main() refuses to run anywhere else.
 #pragma once
 
+#include "common/owners.h"
+
 #include <functional>
 #include <map>
 #include <string>
@@ -72,6 +74,8 @@ public:
     ~Process() { stop(); }
     pid_t pid() const { return pid_; }
     bool running();
+    // Sends SIGSTOP and waits until the kernel has stopped the process.
+    bool freeze();
     int wait(int timeout_ms);  // the exit status (as from waitpid), -1 on time-out
     void stop(int sig = 15);
     std::string log() const { return read_file(log_path_); }
@@ -91,6 +95,8 @@ Process start_server(const std::vector<std::string> &args);
 // devicesim on the routing file (and a scenario when given), serving when returned.
 Process start_sim(const std::string &scenario_json = "");
 
+// A connection to 127.0.0.1:port from the local address source (any of 127.0.0.0/8), or none.
+UniqueFd connect_from(const std::string &source, int port);
 bool port_accepts(const std::string &host, int port);
 bool wait_for_port(const std::string &host, int port, bool open, int timeout_ms = 5000);
 int free_port();
@@ -116,7 +122,18 @@ std::string status_line(const std::string &raw);
 // Temporary files of the web layer ("webs-*") and of the upgrade (".upgrade-*") in /tmp,
 // counted once the requests in flight have ended (a request ends just after its reply).
 int temp_files();
+// The same, counted now.
+int temp_files_now();
+// Whether done() holds within timeout_ms, looked at every 10 ms.
+bool eventually(const std::function<bool()> &done, int timeout_ms = 5000);
 long long now_ms();
+// Whole seconds of the monotonic clock, which session time-outs count; and a wait until it
+// shows second (or a later one), so a test of time-outs depends on the clock, not on how
+// long a sleep took.
+long long monotonic_seconds();
+void wait_for_second(long long second);
+// Waits until a second has just begun and returns it: what happens next falls in it.
+long long fresh_second();
 
 // The whole device: the demo tree (with this routing file when given), the simulator and
 // the real webserver on 127.0.0.1:port, driven over HTTP.

@@ -1,6 +1,9 @@
 // Watermark uploads and firmware upgrades through the real binary and the simulator: what is
 // checked, what is stored where, and what every refusal leaves behind.
+#include "common/owners.h"
 #include "testsupport.h"
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -208,7 +211,9 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
     }
     std::string status = ts::read_file("/proc/" + std::to_string(dev.server().pid()) + "/status");
     long peak_kib = std::stol(status.substr(status.find("VmHWM:") + 6));
-    EXPECT_LT(peak_kib, 16 * 1024) << "a 100 MiB image must not pass through the server's memory";
+    // About 7 MiB in a normal build; a sanitizer build keeps shadow memory beside it.
+    EXPECT_LT(peak_kib, 24 * 1024) << "a 100 MiB image must not pass through the server's memory";
+    std::cerr << "peak " << peak_kib << "\n";
     EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
     for (int value = 0; value <= 100; value += 20)
         EXPECT_EQ(3u, ts::occurrences(dev.server().log(),
@@ -234,6 +239,36 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
     }
     EXPECT_EQ(0, ts::temp_files());
     EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
+}
+
+
+std::string head_of_image(const std::string &query, unsigned long long length)
+{
+    return "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+           "Content-Length: " + std::to_string(length) + "\r\n\r\n";
+}
+
+// Images waiting in /tmp are bounded together: one of the largest size may wait, a second
+// large one beside it is refused, before it is sent when its length is known.
+TEST(Upgrade, ImagesWaitingInTemporaryFilesAreBoundedTogether)
+{
+    ts::Device dev("", "", 8082);
+    std::string query = "sessionid=" + dev.login();
+    const unsigned long long image = 200ull << 20;
+    UniqueFd first = ts::connect_from("127.0.0.1", 8082);
+    std::string head = head_of_image(query, 256ull << 20) + std::string(1 << 20, 'i');
+    ASSERT_EQ(head.size(), static_cast<size_t>(send(first.get(), head.data(), head.size(), MSG_NOSIGNAL)));
+    ASSERT_TRUE(ts::eventually([] { return ts::temp_files_now() == 1; }));
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(8082, head_of_image(query, image), 2000)));
+    std::string chunked = "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: x\r\n"
+                          "Connection: close\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (int i = 0; i < 24; ++i)
+        chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(8082, chunked + "0\r\n\r\n", 5000)));
+    // Once the first client is gone, its room is free again: the next body is awaited.
+    first.reset();
+    EXPECT_EQ(0, ts::temp_files());
+    EXPECT_EQ("", ts::raw_http(8082, head_of_image(query, image), 300));
 }
 
 // Routed to another application, "StartUpgrade" is relayed like any command and stores nothing.

@@ -51,14 +51,16 @@ TEST(SessionTable, IdsAreDistinctLowerCaseHexInGroupsAndTimeOutsBelowOneAreRefus
 TEST(SessionTable, ExpiryRefreshSweepAndSlotReuseFollowTheMonotonicClock)
 {
     memset(user_sessions, 0, sizeof user_sessions);
+    long long made = ts::fresh_second();
     std::string keep = login("keep", 1000), shortlived = login("short", 1), refreshed = login("set", 2),
                 probed = login("get", 2), unseen = login("unseen", 1);
+    ASSERT_EQ(made, ts::monotonic_seconds());
     EXPECT_EQ(1, slot(shortlived));  // live right after creation
-    std::this_thread::sleep_for(std::chrono::milliseconds(1600));
+    ts::wait_for_second(made + 1);
     EXPECT_EQ(2, slot(refreshed, "set"));
     EXPECT_EQ(3, slot(probed, "get"));
     EXPECT_EQ(3, slot(probed, "GetWebServerParameter"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1600));
+    ts::wait_for_second(made + 3);
     // The login's sweep frees slots 1, 3 and 4, nobody having looked them up; the lowest is taken first.
     EXPECT_EQ(1, slot(login("next", 60)));
     EXPECT_EQ(3, slot(login("after", 60)));

@@ -1,5 +1,6 @@
 // The routing file reader and exchanges with real nanomsg peers (the test's own, or the device
 // simulator). The request message itself is checked where an application receives it (relay test).
+#include "common/event_loop.h"
 #include "common/owners.h"
 #include "testsupport.h"
 #include "webserver/device_message.h"
@@ -94,21 +95,57 @@ private:
     std::thread thread_;
 };
 
-// Relays command as the dispatcher does (route lookup, exchange, close): the exchange's
-// result, or -1 when there is no route.
+// A relay as the dispatcher makes it (route lookup, exchange, the route's end), started on
+// the calling thread's loop; ended once its result is in.
+struct Relay {
+    Relay(const std::string &command, const std::string &payload)
+    {
+        http_protocol_matching(command.c_str(), payload.c_str(), WebsHold(), [this, command, payload](Route route) {
+            if (!route) {
+                ended = true;  // no route: code stays -1
+                return;
+            }
+            auto open = std::make_shared<Route>(std::move(route));
+            http_send_and_recv_app_codec(command.c_str(), payload.c_str(), *open, [this, open](ExchangeResult &r) {
+                open->reset();
+                code = r.code;
+                reply = r.reply ? r.reply.get() : "";
+                reason = r.reason;
+                ended = true;
+                ended_ms = ts::now_ms();
+            });
+        });
+    }
+    bool ended = false;
+    int code = -1;
+    std::string reply, reason;
+    long long ended_ms = 0;
+};
+
+// Runs the loop until every relay has ended.
+void run_until_ended(EventLoop &loop, std::initializer_list<const Relay *> relays)
+{
+    auto all_ended = [&] {
+        for (const Relay *r : relays)
+            if (!r->ended)
+                return false;
+        return true;
+    };
+    while (!all_ended())
+        loop.run_once(100);
+}
+
+// One relay on a loop of its own: the exchange's result, or -1 when there is no route.
 int relay(const std::string &command, const std::string &payload, std::string *reply, std::string *reason = nullptr)
 {
-    int sock = -1, index = -1;
-    char receiver[HTTP_RECEIVER_NAME_SIZE] = "", why[HTTP_REASON_SIZE] = "", *out = nullptr;
-    if (http_protocol_matching(command.c_str(), &sock, receiver, &index, payload.c_str()) != 1)
-        return -1;
-    int rc = http_send_and_recv_app_codec(command.c_str(), why, payload.c_str(), &out, sock, receiver);
-    http_msg_socket_uninit(index);
-    HeapText owned(out);
-    *reply = out ? out : "";
+    EventLoop loop;
+    EventLoop::Scope scope(loop);
+    Relay r(command, payload);
+    run_until_ended(loop, {&r});
+    *reply = r.reply;
     if (reason)
-        *reason = why;
-    return rc;
+        *reason = r.reason;
+    return r.code;
 }
 
 TEST(RoutingTable, SpacingCrLfCommentsAndBlocksReadLikeTheCanonicalFile)
@@ -226,34 +263,55 @@ TEST(MsgExchange, RequestMessageLeavesNothingBehindWhicheverAllocationFails)
 
 TEST(MsgExchange, TimeOutDependsOnTheCommandAndTheUpgradeSocket)
 {
-    http_msg_upgrade_fd = 7;
-    const std::tuple<const char *, int, int> cases[] = {
-        {"StartUpgrade", 7, 180000},           {"StartUpgrade", 8, 3000},             {"GetScanWIFIHotspot", 8, 180000},
-        {"GetNetworkWIFIParameters", 8, 5000}, {"SetNetworkWIFIParameters", 7, 5000}, {"VerifyPassword", 7, 3000},
-        {"getscanwifihotspot", 8, 3000},
+    const std::tuple<const char *, bool, int> cases[] = {
+        {"StartUpgrade", true, 180000},             {"StartUpgrade", false, 3000},
+        {"GetScanWIFIHotspot", false, 180000},      {"GetNetworkWIFIParameters", false, 5000},
+        {"SetNetworkWIFIParameters", true, 5000},   {"VerifyPassword", true, 3000},
+        {"getscanwifihotspot", false, 3000},
     };
-    for (const auto &[command, sock, ms] : cases)
-        EXPECT_EQ(ms, http_msg_recv_timeout(command, sock)) << command << " on " << sock;
+    for (const auto &[command, upgrade, ms] : cases)
+        EXPECT_EQ(ms, http_msg_recv_timeout(command, upgrade)) << command << (upgrade ? " on" : " off") << " the upgrade socket";
 }
 
-TEST(MsgExchange, SilentApplicationAndMissingApplicationBothTimeOutAfterThreeSeconds)
+// Nothing listens at b.ipc: the connection is made in the background and only the exchange
+// fails. Both exchanges run at once on one loop, and a third application answers meanwhile.
+TEST(MsgExchange, SilentAndMissingApplicationsTimeOutTogetherWhileAnotherAnswers)
 {
     ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\n"));
     ts::Process sim = ts::start_sim(R"({"GetStatus": {"silent": true}})");
-    // Nothing listens at b.ipc: the connection is made in the background and only the
-    // exchange fails. Both exchanges run at once to wait the time-out only once.
-    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus2 app_b ipc:///tmp/b.ipc\n"));
-    std::string reply, ignored, reason;
-    int missing = -7;
+    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus2 app_b ipc:///tmp/b.ipc\n"
+                      "GetOther app_c ipc:///tmp/c.ipc\n"));
+    Peer c("ipc:///tmp/c.ipc", NN_REP, {{msg("GetOther", "{}")}});
+    EventLoop loop;
+    EventLoop::Scope scope(loop);
     long long start = ts::now_ms();
-    std::thread other([&] { missing = relay("GetStatus2", "{}", &ignored); });
-    EXPECT_EQ(504, relay("GetStatus", "{}", &reply, &reason));
-    other.join();
-    long long elapsed = ts::now_ms() - start;
-    EXPECT_EQ(504, missing);
-    EXPECT_EQ("Connection service timed out", reason);
-    EXPECT_TRUE(elapsed >= 2900 && elapsed < 4500) << elapsed;
+    Relay silent("GetStatus", "{}"), missing("GetStatus2", "{}"), other("GetOther", "{}");
+    run_until_ended(loop, {&silent, &missing, &other});
+    EXPECT_EQ(0, other.code);
+    EXPECT_LT(other.ended_ms - start, 1000) << "an answering application waits for no other";
+    EXPECT_EQ(504, silent.code);
+    EXPECT_EQ(504, missing.code);
+    EXPECT_EQ("Connection service timed out", silent.reason);
+    long long elapsed = std::max(silent.ended_ms, missing.ended_ms) - start;
+    EXPECT_TRUE(elapsed >= 2990 && elapsed < 3500) << elapsed;
     EXPECT_TRUE(has(sim.log(), "devicesim: app_a stays silent to GetStatus\n")) << sim.log();
+}
+
+// One application's exchanges happen one at a time, in arrival order, each on its own socket.
+TEST(MsgExchange, ExchangesWithOneApplicationTakeTurnsInArrivalOrder)
+{
+    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\n"));
+    Peer a("ipc:///tmp/a.ipc", NN_REP, {{msg("Get", R"({"n":1})")}, {msg("Get", R"({"n":2})")}, {msg("Get", R"({"n":3})")}});
+    EventLoop loop;
+    EventLoop::Scope scope(loop);
+    Relay first("Get", R"({"i":1})"), second("Get", R"({"i":2})"), third("Get", R"({"i":3})");
+    run_until_ended(loop, {&first, &second, &third});
+    EXPECT_EQ("{\n\t\"n\":\t1\n}", first.reply);
+    EXPECT_EQ("{\n\t\"n\":\t2\n}", second.reply);
+    EXPECT_EQ("{\n\t\"n\":\t3\n}", third.reply);
+    ASSERT_EQ(3u, a.requests().size());
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(has(a.requests()[i], "\"i\":\t" + std::to_string(i + 1))) << a.requests()[i];
 }
 
 TEST(MsgExchange, CommandListedForTwoReceiversReachesBothAndTheSecondAnswers)
@@ -282,6 +340,9 @@ TEST(MsgExchange, UpgradeProgressIsFollowedOnlyOnTheUpgradeApplicationsSocket)
     ts::Capture out(1), err(2);  // every progress reply is traced
     EXPECT_EQ(0, relay("StartUpgrade", "{}", &reply));
     EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t100")) << reply;
+    UpgradeStatus status = http_upgrade_status();
+    EXPECT_FALSE(status.running);
+    EXPECT_EQ(100, status.value);
     EXPECT_EQ(0, relay("StartUpgrade2", "{}", &reply));
     EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t40")) << "another application ends at once";
 }

@@ -255,6 +255,12 @@ protected:
             websWrite(wp, "%s", "{}");
             websDone(wp);
         });
+        websDefineAction("upload", [](Webs *wp) {
+            websReadBody(wp, WebsBodyRule{.upload = true}, [](Webs *wp) {
+                websWrite(wp, "%s", "{}");
+                websDone(wp);
+            });
+        });
         websDefineAction("error", [](Webs *wp) { websError(wp, 403, "no"); });
         websDefineAction("silent", [](Webs *) {});
         finished = 0;
@@ -339,7 +345,7 @@ TEST_F(Layer, AMultipartBodyBrokenInsideItsFilePartIsABadRequest)
                              "Content-Type: image/png\r\n\r\n" + std::string(600, 'x') + "\r\n";
     for (const std::string &end : {std::string("--bndxxxx"), std::string("--bnd--\r\n")}) {
         std::string body = head + end;
-        std::string got = ts::raw_http(port, "POST /action/json HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+        std::string got = ts::raw_http(port, "POST /action/upload HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
                                              "Content-Type: multipart/form-data; boundary=bnd\r\nContent-Length: " +
                                                  std::to_string(body.size()) + "\r\n\r\n" + body,
                                        2000);

@@ -6,6 +6,10 @@
 
 #include <cjson/cJSON.h>
 
+#include "common/event_loop.h"
+#include "common/owners.h"
+
+#include <arpa/inet.h>
 #include <condition_variable>
 #include <csignal>
 #include <gtest/gtest.h>
@@ -20,12 +24,12 @@ struct Seen {
     std::condition_variable changed;
     std::vector<std::string> urls;
     std::string file_content;
-    int active = 0, max_active = 0, silent_calls = 0;
-    bool gate_open = false;
+    std::vector<WebsHold> waiting;  // requests the "wait" action holds unanswered
+    int silent_calls = 0;
 } seen;
 
-// Answers with what the request record holds.
-void echo(Webs *wp)
+// Answers with what the request record holds, once its body is in.
+void echo_body(Webs *wp)
 {
     const WebsUpload *f = wp->currentFile;
     {
@@ -44,6 +48,8 @@ void echo(Webs *wp)
     websWrite(wp, "written after done");
 }
 
+void echo(Webs *wp) { websReadBody(wp, {.upload = true}, echo_body); }
+
 // Answers with a coded failure while every cJSON allocation fails.
 void starved(Webs *wp)
 {
@@ -53,18 +59,27 @@ void starved(Webs *wp)
     cJSON_InitHooks(nullptr);
 }
 
-// Holds the request until the test opens the gate; records how many run at once.
-void gate(Webs *wp)
+// Requests held by a part of the server's loop, as the action queues hold theirs.
+struct Parked : LoopPart {
+    explicit Parked(EventLoop &) {}
+    std::vector<WebsHold> holds;
+};
+
+void park(Webs *wp)
 {
-    std::unique_lock<std::mutex> lock(seen.mutex);
+    EventLoop::current()->part<Parked>().holds.emplace_back(wp);
+    std::lock_guard<std::mutex> lock(seen.mutex);
     seen.urls.push_back(wp->url);
-    seen.max_active = std::max(seen.max_active, ++seen.active);
     seen.changed.notify_all();
-    seen.changed.wait(lock, [] { return seen.gate_open; });
-    --seen.active;
-    lock.unlock();
-    websWrite(wp, "done");
-    websDone(wp);
+}
+
+// Keeps the request unanswered until the test answers or drops it.
+void wait_for_test(Webs *wp)
+{
+    std::lock_guard<std::mutex> lock(seen.mutex);
+    seen.urls.push_back(wp->url);
+    seen.waiting.emplace_back(wp);
+    seen.changed.notify_all();
 }
 
 class Layer : public ::testing::Test {
@@ -74,8 +89,8 @@ protected:
         signal(SIGPIPE, SIG_IGN);
         ts::reset_device_tree();
         seen.urls.clear();
-        seen.active = seen.max_active = seen.silent_calls = 0;
-        seen.gate_open = false;
+        seen.waiting.clear();
+        seen.silent_calls = 0;
         ts::write_file("/mnt/www/page.html", "page");
         ts::write_file("/mnt/www/private/key", "k");
         ts::write_file("/mnt/routes.txt", "# test routes\n"
@@ -87,7 +102,8 @@ protected:
         port = ts::free_port();
         ASSERT_GE(websListen(("http://127.0.0.1:" + std::to_string(port)).c_str()), 0);
         websDefineAction("echo", echo);
-        websDefineAction("gate", gate);
+        websDefineAction("wait", wait_for_test);
+        websDefineAction("park", park);
         websDefineAction("silent", [](Webs *) { std::lock_guard<std::mutex> lock(seen.mutex); ++seen.silent_calls; });
         websDefineAction("starved_fail", starved);
         websDefineAction("refuse", [](Webs *wp) { websError(wp, 403, "no <script>%s</script> & \"more\"", "x"); });
@@ -97,7 +113,7 @@ protected:
 
     void TearDown() override
     {
-        open_gate();
+        answer_waiting("");
         stop();
     }
 
@@ -110,17 +126,26 @@ protected:
         }
     }
 
-    static void open_gate()
+    // Answers every held request with text (drops them unanswered when text is empty).
+    static void answer_waiting(const std::string &text)
     {
-        std::lock_guard<std::mutex> lock(seen.mutex);
-        seen.gate_open = true;
-        seen.changed.notify_all();
+        std::vector<WebsHold> held;
+        {
+            std::lock_guard<std::mutex> lock(seen.mutex);
+            held.swap(seen.waiting);
+        }
+        for (WebsHold &h : held) {
+            if (!text.empty()) {
+                websWrite(h.get(), "%s", text.c_str());
+                websDone(h.get());
+            }
+        }
     }
 
-    static bool wait_active(int n)
+    static bool wait_held(size_t n)
     {
         std::unique_lock<std::mutex> lock(seen.mutex);
-        return seen.changed.wait_for(lock, std::chrono::seconds(5), [n] { return seen.active == n; });
+        return seen.changed.wait_for(lock, std::chrono::seconds(5), [n] { return seen.waiting.size() == n; });
     }
 
     std::string url(const std::string &path) const { return ts::local_url(port, path); }
@@ -178,45 +203,68 @@ TEST_F(Layer, FailureReplyKeepsItsFormWhenTheHeapIsExhausted)
               ts::http({.url = url("/action/starved_fail")}).body);
 }
 
-TEST_F(Layer, ActionsRunOneAtATimeInArrivalOrderWhileDocumentsAreServed)
+TEST_F(Layer, AWaitingRequestHoldsUpNeitherDocumentsNorOtherActions)
 {
-    std::vector<std::thread> clients;
-    for (int i = 0; i < 4; ++i) {
-        clients.emplace_back(
-            [this, i] { EXPECT_EQ("done", ts::http({.url = url("/action/gate/" + std::to_string(i))}).body); });
-        if (i == 0)
-            ASSERT_TRUE(wait_active(1));
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    ts::HttpReply held;
+    std::thread client([&] { held = ts::http({.url = url("/action/wait/1")}); });
+    ASSERT_TRUE(wait_held(1));
     long long start = ts::now_ms();
     EXPECT_EQ("page", ts::http({.url = url("/page.html")}).body);
-    EXPECT_LT(ts::now_ms() - start, 100);
-    open_gate();
-    for (auto &t : clients)
-        t.join();
-    EXPECT_EQ(1, seen.max_active);
-    EXPECT_EQ((std::vector<std::string>{"/action/gate/0", "/action/gate/1", "/action/gate/2", "/action/gate/3"}),
-              seen.urls);
+    EXPECT_EQ("GET /action/echo/x [] 0 -", ts::http({.url = url("/action/echo/x")}).body);
+    EXPECT_LT(ts::now_ms() - start, 500);
+    answer_waiting("late");
+    client.join();
+    EXPECT_EQ("late", held.body);
+    // A request whose last hold goes without a reply is answered by the layer.
+    std::thread dropped([&] { held = ts::http({.url = url("/action/wait/2")}); });
+    ASSERT_TRUE(wait_held(1));
+    answer_waiting("");
+    dropped.join();
+    EXPECT_EQ(500, held.status);
 }
 
-TEST_F(Layer, CloseWaitsForTheRunningActionAndAnswersThoseQueued)
+TEST_F(Layer, CloseAnswersTheRequestsItsPartsHeldAsUnavailable)
 {
-    ts::HttpReply first, second;
-    std::thread a([&] { first = ts::http({.url = url("/action/gate/a")}); });
-    ASSERT_TRUE(wait_active(1));
-    std::thread b([&] { second = ts::http({.url = url("/action/gate/b")}); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    std::thread closer([this] { stop(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(1, seen.active);  // still waiting for the running procedure
-    open_gate();
-    closer.join();
+    ts::HttpReply first;
+    std::thread a([&] { first = ts::http({.url = url("/action/park/a")}); });
+    {
+        std::unique_lock<std::mutex> lock(seen.mutex);
+        ASSERT_TRUE(seen.changed.wait_for(lock, std::chrono::seconds(5), [] { return seen.urls.size() == 1; }));
+    }
+    stop();
     a.join();
-    b.join();
-    EXPECT_EQ(200, first.status);
-    EXPECT_TRUE(second.status == 503 || second.status == 0) << second.status;
-    EXPECT_EQ(std::vector<std::string>{"/action/gate/a"}, seen.urls);
+    EXPECT_EQ(503, first.status);
+}
+
+// The body of an action is read only once the procedure asks for it: a refusal at the
+// headers goes out at once, without "100 Continue" and without reading the body.
+TEST_F(Layer, TheBodyIsReadOnlyOnceTheProcedureAsksForIt)
+{
+    const std::string expect = " HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n";
+    std::string refused = ts::raw_http(port, "POST /action/refuse" + expect, 500);
+    EXPECT_EQ("HTTP/1.1 403 Forbidden", ts::status_line(refused));
+    EXPECT_EQ(std::string::npos, refused.find("100 Continue"));
+    std::string asked = ts::raw_http(port, "POST /action/echo" + expect, 300);
+    EXPECT_EQ("HTTP/1.1 100 Continue", ts::status_line(asked));
+}
+
+TEST_F(Layer, AClientThatGoesAwayWhileItsRequestWaitsIsNoticedAtOnce)
+{
+    std::string head = "GET /action/wait/gone HTTP/1.1\r\nHost: x\r\n\r\n";
+    {
+        UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in addr{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port)),
+                         .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+        ASSERT_EQ(0, connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+        ASSERT_EQ(static_cast<ssize_t>(head.size()), send(fd.get(), head.data(), head.size(), MSG_NOSIGNAL));
+        ASSERT_TRUE(wait_held(1));
+        EXPECT_FALSE(websClientGone(seen.waiting[0].get()));
+    }
+    long long closed = ts::now_ms();
+    EXPECT_TRUE(ts::eventually([] { return websClientGone(seen.waiting[0].get()); }, 1000));
+    EXPECT_LT(ts::now_ms() - closed, 1000);
+    answer_waiting("nobody reads this");  // a reply after the client went is dropped
+    EXPECT_EQ("page", ts::http({.url = url("/page.html")}).body);
 }
 
 TEST_F(Layer, ClientDroppingMidRequestOrMidReplyLeavesNothingBehind)

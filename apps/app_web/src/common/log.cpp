@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -58,9 +60,19 @@ private:
     std::string heap_;
 };
 
-} // namespace
+// The lines a thread keeps while it is inside a LogBatch: the texts in order, and where each
+// run of lines to one stream ends.
+struct Batch {
+    int depth = 0;
+    std::string text;
+    std::vector<std::pair<int, size_t>> runs;  // stream, end offset in text
+};
+thread_local Batch batch;
 
-void log_write_all(int fd, const char *text, size_t len)
+// A batch that grew this large is written at once, so a burst of lines cannot hold memory.
+constexpr size_t kMaxBatchBytes = 64 * 1024;
+
+void write_direct(int fd, const char *text, size_t len)
 {
     while (len > 0) {
         ssize_t n = write(fd, text, len);
@@ -72,6 +84,42 @@ void log_write_all(int fd, const char *text, size_t len)
         text += n;
         len -= static_cast<size_t>(n);
     }
+}
+
+} // namespace
+
+void log_write_all(int fd, const char *text, size_t len)
+{
+    if (batch.depth == 0) {
+        write_direct(fd, text, len);
+        return;
+    }
+    batch.text.append(text, len);
+    if (!batch.runs.empty() && batch.runs.back().first == fd)
+        batch.runs.back().second = batch.text.size();
+    else
+        batch.runs.emplace_back(fd, batch.text.size());
+    if (batch.text.size() >= kMaxBatchBytes)
+        log_flush();
+}
+
+void log_flush()
+{
+    size_t start = 0;
+    for (auto [fd, end] : batch.runs) {
+        write_direct(fd, batch.text.data() + start, end - start);
+        start = end;
+    }
+    batch.text.clear();
+    batch.runs.clear();
+}
+
+LogBatch::LogBatch() { ++batch.depth; }
+
+LogBatch::~LogBatch()
+{
+    if (--batch.depth == 0)
+        log_flush();
 }
 
 int log_module_length(const char *file)

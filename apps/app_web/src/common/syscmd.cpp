@@ -57,6 +57,7 @@ int HTTP_SYSTEM_CMD(const char *cmd)
     int fail_len = snprintf(fail_line, sizeof fail_line, "system cmd:<%s> fail!\n", cmd);
     char *envp[] = {nullptr};
 
+    log_flush();  // the child's output must come after the lines written before it
     pid_t child = fork();
     if (child < 0) {
         HTTP_PRINT("vfork fail:\n");
@@ -65,7 +66,9 @@ int HTTP_SYSTEM_CMD(const char *cmd)
     if (child == 0) {
         execve(bin_path, argv, envp);
         execve(sbin_path, argv, envp);
-        log_write_all(STDOUT_FILENO, fail_line, static_cast<size_t>(fail_len));
+        // Written directly: a batch copied from the parent would never be written.
+        ssize_t n = write(STDOUT_FILENO, fail_line, static_cast<size_t>(fail_len));
+        (void)n;
         _exit(127);
     }
     // Wait for our own child only: waiting for any child could take the exit of a child

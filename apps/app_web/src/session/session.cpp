@@ -6,11 +6,15 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <sys/random.h>
 
 UserSession user_sessions[kMaxSessions];
 
 namespace {
+
+// The table is used by the event loop and by the steps that run on the worker thread.
+std::mutex sessions_mutex;
 
 int32_t monotonic_seconds()
 {
@@ -70,6 +74,7 @@ int add_new_session(const char *user_name, int timeout, char **session_id)
             return -1;
     }
 
+    std::lock_guard<std::mutex> lock(sessions_mutex);
     sweep_expired();
     int slot = 0;
     while (slot < kMaxSessions && user_sessions[slot].session_id[0] != '\0')
@@ -92,6 +97,7 @@ int find_saved_session(const char *session_id, const char *access)
 {
     if (!session_id || session_id[0] == '\0')
         return -1;
+    std::lock_guard<std::mutex> lock(sessions_mutex);
     int slot = find_slot(session_id);
     if (slot < 0)
         return -1;
@@ -110,6 +116,7 @@ int delete_session_by_id(const char *session_id)
 {
     if (!session_id || session_id[0] == '\0')
         return -1;
+    std::lock_guard<std::mutex> lock(sessions_mutex);
     int slot = find_slot(session_id);
     if (slot < 0)
         return -1;

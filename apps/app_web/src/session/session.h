@@ -1,6 +1,6 @@
 // The in-memory session table: who has logged in, and until when their session lives.
-// Used only on the action thread (the dispatcher, login, logout, the upload's caller
-// check), so it needs no lock.
+// Used by the event loop and by local actions on the worker thread: each call below takes
+// the table's lock.
 #pragma once
 
 #include <cstdint>

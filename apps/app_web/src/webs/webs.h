@@ -3,16 +3,20 @@
 // uploads; this layer routes requests (route file), serves static documents, hands action
 // requests to their procedures and sends the replies they write.
 //
-// Threads: websServiceEvents runs the event loop on the calling thread (the web server
-// thread): it accepts connections and serves static documents. Action procedures run one
-// at a time, in arrival order, on one action thread owned by the layer; the connection of a
-// waiting request is suspended meanwhile. Everything an action procedure touches without a
-// lock is therefore only ever touched by that one thread.
+// Threads: websServiceEvents runs the event loop (common/event_loop.h) on the calling thread,
+// the web server thread: it accepts connections, serves static documents and calls the
+// action procedures. An action procedure is called as soon as its request's line and headers
+// are in, before any byte of the body is read: it answers at once (a refusal), asks for the
+// body with websReadBody, or keeps a WebsHold while it waits for something else (a device
+// application, a worker thread). The connection of a waiting request is suspended meanwhile
+// and watched: a client that goes away is noticed at once (websClientGone).
 #pragma once
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <sys/types.h>
+#include <utility>
 
 // A request body held in memory: servp is the unread start, endp the end; *endp is '\0', so
 // the body can be used as a terminated text.
@@ -71,10 +75,50 @@ int websDefineAction(const char *name, WebsAction proc);
 // Runs the event loop until *finished becomes non-zero.
 void websServiceEvents(std::atomic<int> *finished);
 
+// How an action request's body may be taken in. A plain body is held in memory as wp->input
+// up to webs_limits::kMaxInMemoryBody; beyond that only a rule with spool lets it go to a
+// temporary file (wp->inputFile), every other request gets 413.
+struct WebsBodyRule {
+    bool spool = false;   // a large plain body may be spooled to /tmp
+    bool upload = false;  // a multipart/form-data body's first file part goes to /tmp (wp->currentFile)
+};
+// Has the body read by the rule; next runs on the event loop once it is complete, with the
+// record filled. Called by the procedure itself or later on the event loop; a body the rule
+// refuses is answered by the layer and next never runs.
+void websReadBody(Webs *wp, WebsBodyRule rule, std::function<void(Webs *)> next);
+
+// A hold on a request: keeps its record alive and tells the layer that someone still works
+// for it (the procedure returned, its body came in, and no reply is written yet). When the
+// last hold goes without a reply, the layer answers 500 (503 while the server closes). Holds
+// may be copied and dropped on any thread.
+class WebsHold {
+public:
+    WebsHold() = default;
+    explicit WebsHold(Webs *wp);
+    WebsHold(const WebsHold &other) : WebsHold(other.wp_) {}
+    WebsHold(WebsHold &&other) noexcept : wp_(other.wp_) { other.wp_ = nullptr; }
+    WebsHold &operator=(WebsHold other) noexcept
+    {
+        std::swap(wp_, other.wp_);
+        return *this;
+    }
+    ~WebsHold();
+    Webs *get() const { return wp_; }
+    explicit operator bool() const { return wp_ != nullptr; }
+
+private:
+    Webs *wp_ = nullptr;
+};
+
+// Whether the request's client has gone (closed or half-closed its connection while the
+// request waited). Work not yet started for it should be dropped; its reply is never sent.
+bool websClientGone(const Webs *wp);
+
 // Writing a reply, in this order: status, headers, end of headers, body, flush, done.
-// A request is complete at websDone; anything written after it is ignored. A procedure
-// that returns without websDone gets a 500 reply from the layer, so every request is
-// answered exactly once.
+// A request is complete at websDone; anything written after it is ignored. A reply may be
+// written on any thread, by one thread at a time (whoever holds the request). A request
+// that nobody answers or holds gets a 500 reply from the layer, so every request is answered
+// exactly once.
 void websSetStatus(Webs *wp, int status);
 void websWriteHeaders(Webs *wp, ssize_t length, const char *location);
 void websWriteEndHeaders(Webs *wp);

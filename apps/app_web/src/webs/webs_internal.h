@@ -2,11 +2,14 @@
 // the calls between the layer's files. Nothing outside webs/ includes this.
 #pragma once
 
+#include "common/event_loop.h"
 #include "common/owners.h"
 #include "webs/webs.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <microhttpd.h>
 #include <string>
@@ -102,10 +105,12 @@ using PostProcessorPtr = std::unique_ptr<MHD_PostProcessor, PostProcessorDeleter
 enum class RequestState {
     New,         // headers not looked at yet
     Document,    // static document: answered once the request is complete
+    Deciding,    // action procedure called at the headers; it has neither answered nor asked for the body
     Receiving,   // action request: body being taken in
     Discarding,  // refused: the rest of the body is read and dropped, then the refusal sent
-    Queued,      // suspended, waiting for or running on the action thread
-    Answered     // a reply has been queued with libmicrohttpd
+    Running,     // body complete: the procedure's continuation runs or is awaited
+    Answered,    // a reply has been queued with libmicrohttpd
+    Dropped      // the client went away, or the server closes: the connection is closed
 };
 
 enum class BodyKind { None, Plain, Multipart };
@@ -119,22 +124,33 @@ struct ReplyBuffer {
     bool overflow = false;  // the procedure wrote more than kMaxReply
 };
 
+struct Connection;
+
 }  // namespace webs
 
 // The layer's state of one request. It is owned jointly by the connection (until
-// libmicrohttpd reports the request completed) and by the action thread (while the
-// procedure runs), so a procedure that keeps working after websDone never touches freed
-// memory.
+// libmicrohttpd reports the request completed) and by the holds of the actions working for
+// it, so an action that keeps working after the client went never touches freed memory.
+// Everything but refs, holds, gone, done and the reply is used on the event loop only.
 struct WebsPrivate {
     Webs wp{};
-    MHD_Connection *connection = nullptr;
+    MHD_Connection *connection = nullptr;  // nullptr once libmicrohttpd closed the connection
+    webs::Connection *conn = nullptr;      // the connection's record (limits and deadlines)
     std::atomic<int> refs{1};
+    std::atomic<int> holds{0};
     webs::RequestState state = webs::RequestState::New;
+    bool in_handler = false;      // inside libmicrohttpd's call: the reply is queued on return
+    bool suspended = false;
+    std::atomic<bool> gone{false};
+    EventLoop::Watch gone_watch;  // the connection's hang-up, while suspended
 
     std::string url;     // raw request target
     std::string method;
     std::string path;    // decoded, checked path of a static document
     WebsAction proc = nullptr;
+    std::function<void(Webs *)> next;  // what runs once the body is complete
+    WebsBodyRule rule;
+    bool body_wanted = false;  // the procedure asked for the body (websReadBody)
 
     // Body intake.
     webs::BodyKind body_kind = webs::BodyKind::None;
@@ -164,7 +180,7 @@ WebsPrivate *request_new(const char *uri, MHD_Connection *connection);
 void request_release(WebsPrivate *r);
 // Takes in body bytes of an action request; false when the connection must be dropped.
 bool request_take_body(WebsPrivate *r, const char *data, size_t size);
-// Prepares the body intake after the headers; 0, or the status refusing the request.
+// Prepares the body intake by r->rule; 0, or the status refusing the request.
 int request_begin_body(WebsPrivate *r);
 // Completes the intake and fills the public record; 0, or the status refusing the request.
 int request_finish_body(WebsPrivate *r);
@@ -183,6 +199,27 @@ void reply_failed(WebsPrivate *r, int status, const char *message);
 // Text with &, <, >, " and ' replaced by entities.
 std::string html_escape(std::string_view text);
 
+// ---- connections (webs_connections.cpp)
+
+// What the layer keeps of a connection to bound it: its socket, and since when it waits for
+// its next request's line and headers.
+struct Connection {
+    int fd = -1;
+    std::chrono::steady_clock::time_point since;
+    bool in_request = false;  // a request's headers are in and it is not complete yet
+    bool evicted = false;     // shut down by the layer; libmicrohttpd closes it next
+};
+// libmicrohttpd's MHD_OPTION_NOTIFY_CONNECTION callback: keeps the record in *socket_context
+// and makes room when the server is full.
+void connection_notify(void *, MHD_Connection *connection, void **socket_context,
+                       MHD_ConnectionNotificationCode code);
+void connection_request_started(Connection *c);
+void connection_request_ended(Connection *c);
+// Shuts down every connection whose next request's line and headers are overdue.
+void connections_sweep();
+// The record of a connection, or nullptr.
+Connection *connection_of(MHD_Connection *connection);
+
 // ---- static documents (webs_static.cpp)
 
 // What the static handler needs from the open server.
@@ -199,7 +236,9 @@ const char *mime_type(std::string_view path);
 
 // ---- server (webs_server.cpp)
 
-// Resumes a suspended request so that its reply is queued (thread-safe).
-void resume_request(WebsPrivate *r);
+// A reply was completed (on any thread): the event loop sends it.
+void reply_completed(WebsPrivate *r);
+// The last hold of a request went (on any thread).
+void holds_released(WebsPrivate *r);
 
 }  // namespace webs

@@ -18,11 +18,11 @@ constexpr size_t kConnectionMemory = 16 * 1024;
 constexpr uint64_t kMaxMultipart = 4ull * 1024 * 1024;
 // A plain body up to this size is held in memory as the request's input text.
 constexpr uint64_t kMaxInMemoryBody = 64 * 1024;
-// A plain body up to this size is spooled to a temporary file (firmware images); larger: 413.
+// A plain body up to this size may be spooled to a temporary file (firmware images); larger:
+// 413. Only an action that allows it, and only once its caller has passed the gate.
 constexpr uint64_t kMaxSpooledBody = 256ull * 1024 * 1024;
 // Bytes that all requests together may hold in temporary files at once: one firmware image
-// of the largest size and a few pictures. Bodies are taken in before the action checks the
-// caller, so without this bound clients without a session could fill /tmp. Beyond it: 503.
+// of the largest size and a few pictures. Beyond it: 503.
 constexpr uint64_t kMaxTempBytes = kMaxSpooledBody + 4 * kMaxMultipart;
 // A body nobody uses (refused mid-way, or sent with a document request): at most this much is
 // read and dropped, so that the reply can be sent; a client that sends more is disconnected.
@@ -32,17 +32,36 @@ constexpr uint64_t kMaxDiscard = 16ull * 1024 * 1024;
 constexpr size_t kMaxReply = 64 * 1024 * 1024;
 
 // Connections open at once: a few browsers with six connections each, with room to spare on
-// a device with little memory.
+// a device with little memory. When this many are open, a new one takes the place of the
+// connection that has waited longest for its next request (idle keep-alive, slow headers);
+// when every connection is busy with a request, the new one is closed.
 constexpr unsigned kMaxConnections = 256;
-// Connections from one address, so that one client cannot take every slot.
-constexpr unsigned kMaxConnectionsPerAddress = 64;
-// Seconds a connection may stay idle (no byte moving) before it is closed. A request waiting
-// for its action is suspended and never times out.
-constexpr unsigned kIdleTimeoutSeconds = 60;
+// Connections libmicrohttpd itself accepts: beyond it, new clients wait in the backlog and
+// nobody can be made room for. The margin lets a newcomer in while an evicted connection is
+// still closing.
+constexpr unsigned kConnectionHeadroom = 16;
+// Connections from one address. A browser opens at most six to one host; a few more leave
+// room for a second tab. More than that from one address is a client trying to take the
+// slots of others.
+constexpr unsigned kMaxConnectionsPerAddress = 8;
+// Seconds within which a request's line and headers must be complete, counted from the
+// connection's start or the end of its previous request. A browser sends them in one packet;
+// a client that trickles them (or keeps an idle connection) gives the slot back.
+constexpr unsigned kHeaderDeadlineSeconds = 10;
+// How often the connections are checked against kHeaderDeadlineSeconds.
+constexpr unsigned kConnectionSweepMs = 1000;
+// Seconds a connection may stay idle (no byte moving) before it is closed: a body that stops
+// coming, a reply its client no longer reads. A request waiting for its action is suspended
+// and never times out.
+constexpr unsigned kIdleTimeoutSeconds = 30;
 // Longest wait of the event loop, so that the finish flag is seen promptly.
 constexpr int kMaxLoopWaitMs = 250;
-// Backlog of the listening socket.
-constexpr int kListenBacklog = 64;
+// Backlog of the listening socket: a burst of new connections from many hosts waits here to
+// be accepted (libmicrohttpd takes ten per turn) instead of having its SYNs dropped and
+// retried a second later.
+constexpr int kListenBacklog = 256;
+// Memory of libmicrohttpd's multipart parser: the part headers of an upload fit in it.
+constexpr size_t kPostProcessorBuffer = 16 * 1024;
 
 // Bytes gathered before a temporary file is written: a body arrives in pieces of a few KiB
 // (libmicrohttpd's read buffer lives in kConnectionMemory), a write per piece would cost

@@ -87,7 +87,7 @@ std::string error_page(unsigned status, const char *message)
 void complete(WebsPrivate *r)
 {
     r->done.store(true, std::memory_order_release);
-    resume_request(r);
+    reply_completed(r);
 }
 
 }  // namespace
@@ -115,6 +115,9 @@ MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Respo
         return MHD_NO;
     for (const SecurityHeader &h : kSecurityHeaders)
         MHD_add_response_header(response, h.name, h.value);
+    // The lines the request wrote come out before its reply can reach the client, who may
+    // read the log as soon as it has the answer.
+    log_flush();
     MHD_Result rc = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     if (debug_mode())

@@ -1,7 +1,8 @@
-// Request records and their bodies. A plain body is held in memory up to 64 KiB and spooled
-// to a temporary file above that; a multipart/form-data body goes through libmicrohttpd's
-// post processor, which streams the first file part into a temporary file. Every other
-// content type is taken as the raw body.
+// Request records and their bodies, taken in by the rule the action chose. A plain body is
+// held in memory up to 64 KiB and, where the rule allows, spooled to a temporary file above
+// that; a multipart/form-data body of an upload goes through libmicrohttpd's post processor,
+// which streams the first file part into a temporary file. Every other body is taken as the
+// raw body.
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
@@ -196,6 +197,9 @@ void refuse_body(WebsPrivate *r, int status)
     r->temp_room.release();
 }
 
+// The largest plain body the request's rule takes.
+uint64_t plain_limit(const WebsPrivate *r) { return r->rule.spool ? kMaxSpooledBody : kMaxInMemoryBody; }
+
 bool take_plain(WebsPrivate *r, const char *data, size_t size)
 {
     if (r->spool.active())
@@ -221,17 +225,17 @@ int request_begin_body(WebsPrivate *r)
     const char *type = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
     int64_t length = announced_length(r->connection);
     static constexpr char kMultipart[] = "multipart/form-data";
-    if (type && strncasecmp(type, kMultipart, sizeof kMultipart - 1) == 0) {
+    if (r->rule.upload && type && strncasecmp(type, kMultipart, sizeof kMultipart - 1) == 0) {
         if (length > static_cast<int64_t>(kMaxMultipart))
             return MHD_HTTP_CONTENT_TOO_LARGE;
         if (length > 0 && !r->temp_room.reserve(static_cast<uint64_t>(length)))
             return MHD_HTTP_SERVICE_UNAVAILABLE;
-        r->post.reset(MHD_create_post_processor(r->connection, 16 * 1024, post_iterator, r));
+        r->post.reset(MHD_create_post_processor(r->connection, kPostProcessorBuffer, post_iterator, r));
         if (!r->post)
             return MHD_HTTP_BAD_REQUEST;  // no boundary
         r->body_kind = BodyKind::Multipart;
     } else {
-        if (length > static_cast<int64_t>(kMaxSpooledBody))
+        if (length > static_cast<int64_t>(plain_limit(r)))
             return MHD_HTTP_CONTENT_TOO_LARGE;
         if (length > static_cast<int64_t>(kMaxInMemoryBody) && !r->temp_room.reserve(static_cast<uint64_t>(length)))
             return MHD_HTTP_SERVICE_UNAVAILABLE;
@@ -260,7 +264,7 @@ bool request_take_body(WebsPrivate *r, const char *data, size_t size)
         }
         return true;
     }
-    if (r->received > kMaxSpooledBody)
+    if (r->received > plain_limit(r))
         refuse_body(r, MHD_HTTP_CONTENT_TOO_LARGE);
     else if (r->received > kMaxInMemoryBody && !r->temp_room.reserve(r->received))
         refuse_body(r, MHD_HTTP_SERVICE_UNAVAILABLE);

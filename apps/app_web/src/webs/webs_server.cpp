@@ -1,10 +1,10 @@
-// The server: set-up, the listening socket, the event loop, request routing and the action
-// thread.
+// The server: set-up, the listening socket, the event loop and the life of a request.
 //
 // libmicrohttpd runs in external-loop mode with epoll on the thread that calls
-// websServiceEvents. An action request is suspended once its body is complete and queued to
-// the one action thread, which runs the procedures one at a time in arrival order; the
-// procedure's websDone resumes the connection and wakes the event loop, which sends the reply.
+// websServiceEvents, inside the layer's EventLoop (which also watches the device
+// applications' sockets and runs the timers). An action procedure is called as soon as its
+// request's line and headers are in; a request whose answer is not ready when the procedure
+// (or its body's continuation) returns is suspended, and resumed once it is.
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
@@ -13,19 +13,16 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
-#include <condition_variable>
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
-#include <deque>
 #include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
+#include <set>
+#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 namespace webs {
@@ -34,113 +31,24 @@ using namespace webs_limits;
 
 namespace {
 
-// Runs action procedures one at a time, in arrival order.
-class ActionRunner {
-public:
-    void start()
-    {
-        stopping_ = false;
-        thread_ = std::thread([this] { loop(); });
-    }
-
-    // The runner holds a reference to the request until its procedure has returned.
-    void push(WebsPrivate *r)
-    {
-        r->refs.fetch_add(1, std::memory_order_relaxed);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            queue_.push_back(r);
-        }
-        // Notified after unlocking, so that the woken thread does not block on the lock.
-        wake_.notify_one();
-    }
-
-    // Lets a running procedure finish, then ends the thread. Returns the requests that never
-    // ran; the caller answers them and drops the runner's references.
-    std::deque<WebsPrivate *> stop()
-    {
-        if (!thread_.joinable())
-            return {};
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stopping_ = true;
-            wake_.notify_one();
-        }
-        thread_.join();
-        return std::exchange(queue_, {});
-    }
-
-private:
-    void loop()
-    {
-        for (;;) {
-            WebsPrivate *r;
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-                if (stopping_)
-                    return;
-                r = queue_.front();
-                queue_.pop_front();
-            }
-            r->proc(&r->wp);
-            if (!r->done.load(std::memory_order_acquire)) {
-                HTTP_ERROR("action for %s returned without a reply\n", r->url.c_str());
-                reply_failed(r, MHD_HTTP_INTERNAL_SERVER_ERROR, "The action did not reply");
-            }
-            request_release(r);
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<WebsPrivate *> queue_;
-    bool stopping_ = false;
-    std::thread thread_;
-};
-
 struct Server {
     bool open = false;
-    bool closing = false;  // websClose runs: no request may join the action queue any more
+    bool closing = false;  // websClose runs: requests still waiting are answered 503
     std::string documents;
     DocumentConfig docs;
     std::vector<Route> routes;
     std::string ipaddr, host;
     std::map<std::string, WebsAction, std::less<>> actions;
+    std::unique_ptr<EventLoop> loop;
     MHD_Daemon *daemon = nullptr;
     UniqueFd root_fd;
-    int epoll_fd = -1;  // libmicrohttpd's own, watched by the event loop
-    // Wakes the event loop when an action thread resumes a connection: without an internal
-    // thread libmicrohttpd has no wake-up of its own, and the reply would wait for the next
-    // network event or the loop's time-out.
-    UniqueFd wake;
-    // Set while a wake-up is written and not yet taken: the action thread then leaves out
-    // further writes, the loop's next turn resumes every connection anyway.
-    std::atomic<bool> wake_pending{false};
+    EventLoop::Watch daemon_watch;  // libmicrohttpd's own epoll set: network activity wakes the loop
+    EventLoop::Timer sweep;         // the next check of the header deadlines
+    std::set<WebsPrivate *> suspended;
     // The last turn of the event loop took in body data: more is likely waiting, so the next
-    // turn goes to libmicrohttpd at once instead of polling first (a large upload then costs
+    // turn goes to libmicrohttpd at once instead of waiting first (a large upload then costs
     // one wait per piece instead of two).
     bool took_body = false;
-    ActionRunner runner;
-
-    // Back to the state before websOpen (the runner has been stopped).
-    void reset()
-    {
-        open = false;
-        closing = false;
-        documents.clear();
-        docs = DocumentConfig{};
-        routes.clear();
-        ipaddr.clear();
-        host.clear();
-        actions.clear();
-        daemon = nullptr;
-        root_fd.reset();
-        epoll_fd = -1;
-        took_body = false;
-        wake.reset();
-        wake_pending = false;
-    }
 };
 
 Server srv;
@@ -202,16 +110,16 @@ MHD_Result send_refusal(WebsPrivate *r)
                             r->allow.empty() ? nullptr : r->allow.c_str());
 }
 
-// Refuses a request. The refusal is sent once the request is complete, which keeps the
-// connection open for the next request; a body announced too large, or with no room in
-// /tmp, is refused at once (libmicrohttpd then closes the connection instead of reading it).
+// Refuses a request once the rest of its body has been read and dropped, which keeps the
+// connection for the next request (a route or method refused, a body refused mid-way). A
+// refusal that must not wait for a body (the body of a caller refused, too large, or without
+// room in /tmp) is sent at once with send_refusal: libmicrohttpd then closes the connection
+// instead of reading the body.
 MHD_Result refuse(WebsPrivate *r, int status, const char *message, const std::string &allow = {})
 {
     r->refusal = status;
     r->refusal_message = message;
     r->allow = allow;
-    if (status == MHD_HTTP_CONTENT_TOO_LARGE || status == MHD_HTTP_SERVICE_UNAVAILABLE)
-        return send_refusal(r);
     r->state = RequestState::Discarding;
     return MHD_YES;
 }
@@ -224,9 +132,110 @@ MHD_Result drop_body(WebsPrivate *r, size_t *upload_data_size)
     return r->discarded <= kMaxDiscard ? MHD_YES : MHD_NO;
 }
 
+// ---- a waiting request
+
+void resume(WebsPrivate *r);
+
+// Watches the connection of a suspended request: a client that closes or half-closes it is
+// gone, and its request need not be answered any more.
+void watch_for_hang_up(WebsPrivate *r)
+{
+    const MHD_ConnectionInfo *info = MHD_get_connection_info(r->connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (!info)
+        return;
+    r->gone_watch = srv.loop->watch(info->connect_fd, EPOLLRDHUP, [r](uint32_t) {
+        r->gone = true;
+        trace(kRequestTraceLevel, "http: client of %s went away\n", r->url.c_str());
+        resume(r);
+    });
+}
+
+void suspend(WebsPrivate *r)
+{
+    MHD_suspend_connection(r->connection);
+    r->suspended = true;
+    srv.suspended.insert(r);
+    watch_for_hang_up(r);
+}
+
+// Lets libmicrohttpd call the handler of a suspended request again: its reply is ready, its
+// body is wanted, or its client went.
+void resume(WebsPrivate *r)
+{
+    if (!r->suspended)
+        return;  // still inside the handler, which looks once it returns
+    r->suspended = false;
+    r->gone_watch.reset();
+    srv.suspended.erase(r);
+    MHD_resume_connection(r->connection);
+}
+
+// The reply the layer gives a request that nobody answers or holds any more.
+void answer_abandoned(WebsPrivate *r)
+{
+    if (r->done.load(std::memory_order_acquire))
+        return;
+    if (srv.closing) {
+        reply_failed(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
+        return;
+    }
+    HTTP_ERROR("action for %s returned without a reply\n", r->url.c_str());
+    reply_failed(r, MHD_HTTP_INTERNAL_SERVER_ERROR, "The action did not reply");
+}
+
+// Whether the action side still has something to do for the request.
+bool awaited(const WebsPrivate *r) { return r->holds.load(std::memory_order_acquire) > 0; }
+
+// What happens once a procedure or a continuation has returned.
+MHD_Result after_action(WebsPrivate *r)
+{
+    if (r->gone)
+        return MHD_NO;
+    if (r->done.load(std::memory_order_acquire)) {
+        r->state = RequestState::Answered;
+        return queue_action_reply(r);
+    }
+    if (r->state == RequestState::Deciding && r->body_wanted) {
+        // The caller passed: now the body may come (libmicrohttpd sends a "100 Continue" that
+        // a client asked for only from here on).
+        r->state = RequestState::Receiving;
+        if (int status = request_begin_body(r)) {
+            refuse(r, status, body_refusal_text(status));
+            return send_refusal(r);
+        }
+        return MHD_YES;
+    }
+    if (!awaited(r) || srv.closing) {
+        answer_abandoned(r);
+        r->state = RequestState::Answered;
+        return queue_action_reply(r);
+    }
+    suspend(r);
+    return MHD_YES;
+}
+
+// Calls the procedure (at the headers) or the body's continuation.
+MHD_Result call_action(WebsPrivate *r, const std::function<void(Webs *)> &fn)
+{
+    r->in_handler = true;
+    fn(&r->wp);
+    r->in_handler = false;
+    return after_action(r);
+}
+
+// The record a procedure sees at the headers: the target and the method; the body comes later.
+void fill_head(WebsPrivate *r)
+{
+    r->wp.url = r->url.data();
+    r->wp.method = r->method.data();
+    r->wp.input.servp = r->wp.input.endp = r->body.data();
+}
+
 MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
 {
     r->method = method;
+    r->conn = connection_of(r->connection);
+    connection_request_started(r->conn);
     if (r->url.size() > kMaxTarget)
         return refuse(r, MHD_HTTP_URI_TOO_LONG, "Request target too long");
     std::string path = normal_path(r->url, url);
@@ -254,26 +263,28 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
     auto it = srv.actions.find(name);
     if (name.empty() || it == srv.actions.end())
         return refuse(r, MHD_HTTP_NOT_FOUND, "No such action");
+    if (srv.closing) {
+        refuse(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
+        return send_refusal(r);
+    }
     r->proc = it->second;
-    if (int status = request_begin_body(r))
-        return refuse(r, status, body_refusal_text(status));
-    return MHD_YES;
+    r->state = RequestState::Deciding;
+    fill_head(r);
+    return call_action(r, [r](Webs *wp) { r->proc(wp); });
 }
 
-MHD_Result finish_request(WebsPrivate *r)
+MHD_Result finish_body(WebsPrivate *r)
 {
     if (request_finish_body(r) != 0)
         return send_refusal(r);
     if (srv.closing) {
-        // The last turns of the event loop in websClose: the action thread is gone.
-        r->refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
-        r->refusal_message = "The server is shutting down";
+        // The last turns of the event loop in websClose: the actions' queues are gone.
+        refuse(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
         return send_refusal(r);
     }
-    r->state = RequestState::Queued;
-    MHD_suspend_connection(r->connection);
-    srv.runner.push(r);
-    return MHD_YES;
+    r->state = RequestState::Running;
+    std::function<void(Webs *)> next = std::move(r->next);
+    return call_action(r, next);
 }
 
 MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, const char *method, const char *,
@@ -284,9 +295,16 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
         r = request_new("", connection);
         *req_cls = r;
     }
+    if (r->gone) {
+        r->state = RequestState::Dropped;
+        return MHD_NO;
+    }
     switch (r->state) {
     case RequestState::New:
         return begin_request(r, url, method);
+    case RequestState::Deciding:
+        // Called again at the headers once resumed: the answer is ready or the body wanted.
+        return after_action(r);
     case RequestState::Receiving:
     case RequestState::Discarding:
         if (*upload_data_size > 0) {
@@ -297,20 +315,21 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
             *upload_data_size = 0;
             return keep ? MHD_YES : MHD_NO;
         }
-        return finish_request(r);
+        if (r->state == RequestState::Discarding)
+            return send_refusal(r);
+        return finish_body(r);
     case RequestState::Document:
         if (*upload_data_size > 0)
             return drop_body(r, upload_data_size);  // a body sent with a GET means nothing
         r->state = RequestState::Answered;
         return serve_document(r->connection, method, r->path);
-    case RequestState::Queued:
-        // Called again once resumed: the procedure's reply is complete.
-        if (!r->done.load(std::memory_order_acquire))
-            return MHD_YES;
-        r->state = RequestState::Answered;
-        return queue_action_reply(r);
+    case RequestState::Running:
+        // Called again once resumed: the reply is complete.
+        return after_action(r);
     case RequestState::Answered:
         return drop_body(r, upload_data_size);  // the body of a refused request
+    case RequestState::Dropped:
+        return MHD_NO;
     }
     return MHD_NO;
 }
@@ -319,8 +338,16 @@ void *uri_logger(void *, const char *uri, MHD_Connection *connection) { return r
 
 void request_completed(void *, MHD_Connection *, void **req_cls, MHD_RequestTerminationCode)
 {
-    request_release(static_cast<WebsPrivate *>(*req_cls));
+    auto *r = static_cast<WebsPrivate *>(*req_cls);
     *req_cls = nullptr;
+    if (!r)
+        return;
+    connection_request_ended(r->conn);
+    r->connection = nullptr;
+    r->conn = nullptr;
+    // A continuation that never ran holds the request: without its connection, nobody will.
+    r->next = nullptr;
+    request_release(r);
 }
 
 void mhd_logger(void *, const char *fmt, va_list ap)
@@ -369,44 +396,52 @@ void forget_listener()
     listen_fd = -1;
 }
 
+// Checks the header deadlines once a second while the server runs.
+void schedule_sweep()
+{
+    srv.sweep = srv.loop->after(std::chrono::milliseconds(kConnectionSweepMs), [] {
+        connections_sweep();
+        schedule_sweep();
+    });
+}
+
+// Runs fn for r on the event loop: at once on the loop's thread (or once the server has
+// closed, when no connection is left to touch), else at the loop's next turn.
+void on_loop(WebsPrivate *r, void (*fn)(WebsPrivate *))
+{
+    if (!srv.loop || srv.loop->on_loop_thread()) {
+        fn(r);
+        return;
+    }
+    r->refs.fetch_add(1, std::memory_order_relaxed);
+    srv.loop->post([r, fn] {
+        fn(r);
+        request_release(r);
+    });
+}
+
 }  // namespace
 
 const DocumentConfig &document_config() { return srv.docs; }
 
-void resume_request(WebsPrivate *r)
+void reply_completed(WebsPrivate *r)
 {
-    MHD_resume_connection(r->connection);
-    if (srv.wake && !srv.wake_pending.exchange(true)) {
-        uint64_t one = 1;
-        ssize_t n = write(srv.wake.get(), &one, sizeof one);
-        (void)n;  // the counter saturating still leaves the loop woken
-    }
+    on_loop(r, [](WebsPrivate *req) { resume(req); });
 }
 
-namespace {
-
-// Waits for network activity, a resumed request or libmicrohttpd's next timer (at most
-// kMaxLoopWaitMs), then lets libmicrohttpd do whatever is due.
-void run_events_once()
+void holds_released(WebsPrivate *r)
 {
-    int wait_ms = kMaxLoopWaitMs;
-    MHD_UNSIGNED_LONG_LONG due = 0;
-    if (MHD_get_timeout(srv.daemon, &due) == MHD_YES && due < static_cast<MHD_UNSIGNED_LONG_LONG>(wait_ms))
-        wait_ms = static_cast<int>(due);
-    pollfd fds[2] = {{srv.epoll_fd, POLLIN, 0}, {srv.wake.get(), POLLIN, 0}};
-    if (!srv.took_body && poll(fds, 2, wait_ms) > 0 && (fds[1].revents & POLLIN)) {
-        uint64_t count = 0;
-        ssize_t n = read(srv.wake.get(), &count, sizeof count);
-        (void)n;  // nothing to read means another turn already took the wake-up
-        // Cleared before MHD_run looks for resumed connections: a resume after this point
-        // writes a new wake-up.
-        srv.wake_pending = false;
-    }
-    srv.took_body = false;
-    MHD_run(srv.daemon);
+    on_loop(r, [](WebsPrivate *req) {
+        // Still being answered, or in the layer's hands: nothing to do.
+        if (awaited(req) || req->done.load(std::memory_order_acquire) || !req->connection)
+            return;
+        if (req->state != RequestState::Deciding && req->state != RequestState::Running)
+            return;
+        if (req->state == RequestState::Deciding && req->body_wanted)
+            return;
+        answer_abandoned(req);
+    });
 }
-
-}  // namespace
 
 }  // namespace webs
 
@@ -424,6 +459,12 @@ int websOpen(const char *documents, const char *routeFile)
     std::vector<Route> routes;
     if (load_routes(routeFile, &routes) < 0)
         return -1;
+    auto loop = std::make_unique<EventLoop>();
+    if (!loop->ok()) {
+        HTTP_ERROR("cannot make the event loop: %s\n", strerror(errno));
+        return -1;
+    }
+    srv.loop = std::move(loop);
     srv.documents = documents;
     srv.routes = std::move(routes);
     srv.docs.root = real;
@@ -433,7 +474,6 @@ int websOpen(const char *documents, const char *routeFile)
     srv.docs.root_fd = srv.root_fd.get();
     srv.docs.index = kDefaultIndex;
     srv.docs.routes = &srv.routes;
-    srv.runner.start();
     srv.open = true;
     return 0;
 }
@@ -443,21 +483,22 @@ void websClose()
     if (!srv.open)
         return;
     srv.closing = true;
-    // A running procedure finishes; requests that never ran are answered as unavailable.
-    std::deque<WebsPrivate *> waiting = srv.runner.stop();
-    for (WebsPrivate *r : waiting) {
-        reply_failed(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
-        request_release(r);
-    }
+    // The actions' parts go first (queues, the worker thread after its running piece, the
+    // device exchanges): the requests they held are answered 503 as their holds go.
+    srv.loop->close_parts();
     if (srv.daemon) {
-        // Resumed connections leave libmicrohttpd's suspended list on its next turns; none
-        // may stay suspended when the daemon stops.
+        // A suspended connection must not stay suspended when the daemon stops: each is
+        // resumed and sends what it has (its 503) or is closed.
+        while (!srv.suspended.empty())
+            resume(*srv.suspended.begin());
         for (int i = 0; i < 3; ++i)
             MHD_run_wait(srv.daemon, 0);
         forget_listener();
+        srv.daemon_watch.reset();
         MHD_stop_daemon(srv.daemon);  // closes the listening socket and every connection
     }
-    srv.reset();
+    srv.sweep.reset();
+    srv = Server{};
 }
 
 void websSetIpAddr(const char *ipaddr) { srv.ipaddr = ipaddr ? ipaddr : ""; }
@@ -491,10 +532,9 @@ int websListen(const char *endpoint)
         error("invalid endpoint %s", endpoint ? endpoint : "(null)");
         return -1;
     }
-    UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     int on = 1;
-    if (!wake || !fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+    if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
         listen(fd.get(), kListenBacklog) != 0) {
         error("cannot listen on %s: %s", endpoint, strerror(errno));
@@ -508,7 +548,8 @@ int websListen(const char *endpoint)
         MHD_OPTION_LISTEN_SOCKET, fd.get(),
         MHD_OPTION_URI_LOG_CALLBACK, uri_logger, nullptr,
         MHD_OPTION_NOTIFY_COMPLETED, request_completed, nullptr,
-        MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
+        MHD_OPTION_NOTIFY_CONNECTION, connection_notify, nullptr,
+        MHD_OPTION_CONNECTION_LIMIT, kMaxConnections + kConnectionHeadroom,
         MHD_OPTION_PER_IP_CONNECTION_LIMIT, kMaxConnectionsPerAddress,
         MHD_OPTION_CONNECTION_TIMEOUT, kIdleTimeoutSeconds,
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
@@ -518,8 +559,9 @@ int websListen(const char *endpoint)
         error("cannot start the HTTP engine on %s", endpoint);
         return -1;
     }
-    srv.epoll_fd = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
-    srv.wake = std::move(wake);
+    int daemon_fd = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+    srv.daemon_watch = srv.loop->watch(daemon_fd, EPOLLIN, [](uint32_t) {});
+    schedule_sweep();
     std::lock_guard<std::mutex> lock(listen_mutex);
     listen_fd = fd.release();  // libmicrohttpd closes it when the daemon stops
     listen_id = next_listen_id++;
@@ -542,13 +584,55 @@ int websDefineAction(const char *name, WebsAction proc)
 
 void websServiceEvents(std::atomic<int> *finished)
 {
+    if (!srv.open)
+        return;
+    EventLoop::Scope scope(*srv.loop);
     while (!finished || !finished->load()) {
+        // The lines of a turn are written together at its end, before the next wait.
+        LogBatch batch;
+        int wait_ms = kMaxLoopWaitMs;
+        MHD_UNSIGNED_LONG_LONG due = 0;
+        if (srv.took_body)
+            wait_ms = 0;
+        else if (srv.daemon && MHD_get_timeout(srv.daemon, &due) == MHD_YES && due < static_cast<unsigned>(wait_ms))
+            wait_ms = static_cast<int>(due);
+        srv.took_body = false;
+        srv.loop->run_once(wait_ms);
         if (srv.daemon)
-            run_events_once();
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(kMaxLoopWaitMs));
+            MHD_run(srv.daemon);
     }
 }
+
+void websReadBody(Webs *wp, WebsBodyRule rule, std::function<void(Webs *)> next)
+{
+    WebsPrivate *r = wp ? wp->priv : nullptr;
+    if (!r || r->state != RequestState::Deciding || r->body_wanted)
+        return;
+    r->rule = rule;
+    r->next = std::move(next);
+    r->body_wanted = true;
+    resume(r);
+}
+
+WebsHold::WebsHold(Webs *wp) : wp_(wp)
+{
+    if (wp_) {
+        wp_->priv->refs.fetch_add(1, std::memory_order_relaxed);
+        wp_->priv->holds.fetch_add(1, std::memory_order_acq_rel);
+    }
+}
+
+WebsHold::~WebsHold()
+{
+    if (!wp_)
+        return;
+    WebsPrivate *r = wp_->priv;
+    if (r->holds.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        holds_released(r);
+    request_release(r);
+}
+
+bool websClientGone(const Webs *wp) { return wp && wp->priv && wp->priv->gone.load(std::memory_order_relaxed); }
 
 const char *websGetVersion()
 {

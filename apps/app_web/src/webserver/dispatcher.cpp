@@ -1,32 +1,31 @@
+// The dispatcher: the one action procedure of the web pages. It reads the action name and
+// the query as soon as the request's line and headers are in, admits the caller before any
+// byte of the body is read, and has the action answered by the row of the command table:
+// a local handler on its turn, the device application that the routing table names, or one
+// of the flows of their own (login, upload, upgrade). Every path writes exactly one reply.
 #include "webserver/dispatcher.h"
 
 #include "actions/capability_actions.h"
-#include "actions/clock_actions.h"
-#include "actions/language_actions.h"
-#include "actions/login_actions.h"
-#include "actions/port_actions.h"
-#include "actions/reboot_action.h"
-#include "actions/user_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
 #include "json2c/json_fields.h"
-#include "network/storage.h"
 #include "session/session.h"
 #include "webs/webs.h"
+#include "webserver/commands.h"
 #include "webserver/device_message.h"
 #include "webserver/http_reply.h"
+#include "webserver/local_actions.h"
 #include "webserver/login_flow.h"
 #include "webserver/msg_exchange.h"
+#include "webserver/outcome.h"
 #include "webserver/request_query.h"
 #include "webserver/routing_table.h"
-#include "webserver/service.h"
 #include "webserver/upgrade.h"
 #include "webserver/upload_image.h"
 
 #include <cstring>
-#include <mutex>
+#include <memory>
 
-// Held from the choice of the handler until its reply is written.
 std::mutex mutex;
 
 namespace {
@@ -35,187 +34,213 @@ constexpr size_t kAccessSize = 128;    // access text: the action name cut at it
 
 constexpr char kNoProtocol[] = "The server does not support this protocol";
 
-// What a local action gets: the body, the reply out-parameter and the reason buffer.
-struct ActionCall {
-    const char *body;
-    char **out;
-    char *reason;
+// One action request while it is under way: the cut URL copy that the action name and the
+// query point into, and the command's row. Shared by the steps that answer it, each of
+// which holds the request.
+struct ActionRequest {
+    explicit ActionRequest(Webs *wp) : hold(wp) {}
+    ActionRequest(const ActionRequest &) = delete;
+    ActionRequest &operator=(const ActionRequest &) = delete;
+
+    Webs *wp() const { return hold.get(); }
+    const char *body() const { return wp()->input.servp ? wp()->input.servp : ""; }
+
+    WebsHold hold;
+    char url[kUrlCopySize] = "";
+    char *action = nullptr;
+    RequestQuery query;
+    char access[kAccessSize] = "";
+    const Command *row = nullptr;
 };
+using RequestPtr = std::shared_ptr<ActionRequest>;
 
-// One line per local action: its name, whether it runs without a session, and how its
-// handler is called. Looked up after the gate, in this order.
-struct LocalAction {
-    const char *name;
-    bool open;
-    int (*run)(ActionCall &call);
-};
-
-const LocalAction kActions[] = {
-    {"login", true, [](ActionCall &c) { return http_login_flow(c.body, c.out, c.reason); }},
-    {"logout", true, [](ActionCall &c) { return actionLogOut(c.body, c.out); }},
-    {"get_Language_Format", true, [](ActionCall &c) { return actionGetLanguageFormat(c.body, c.out); }},
-    {"set_Language_Format", true, [](ActionCall &c) { return actionSetLanguageFormat(c.body, c.out); }},
-    {"set_device_reboot", false, [](ActionCall &c) { return actionSetDeviceReboot(c.body, c.out); }},
-    {"set_user_param", false, [](ActionCall &c) { return actionSetUserParam(c.body, c.out); }},
-    {"get_user_param", false, [](ActionCall &c) { return actionGetUserParam(c.body, c.out); }},
-    {"get_device_localtime", false, [](ActionCall &c) { return actiongetDeviceLocalTime(c.body, c.out); }},
-    {"set_device_localtime", false, [](ActionCall &c) { return actionsetDeviceLocalTime(c.body, c.out); }},
-    {"get_video_directory", false, [](ActionCall &c) { return actiongetVideoDirectory(c.body, c.out); }},
-    {"set_storage_deletefile", false, [](ActionCall &c) { return actionSetStorageDelectFile(c.body, c.out); }},
-    {"GetWebServerParameter", false,
-     [](ActionCall &c) {
-         int port = 80;
-         return actionGetPortParam(c.body, c.out, &port);
-     }},
-    {"SetWebServerParameter", false,
-     [](ActionCall &c) {
-         // The supervisor moves the server once HTTP_WEB_PORT differs from the port in use.
-         int port = HTTP_WEB_PORT;
-         int result = actionSetPortParam(c.body, c.out, &port);
-         HTTP_WEB_PORT = port;
-         return result;
-     }},
-    {"GetWebServerPortStatus", false, [](ActionCall &c) { return actionGetPortStatus(c.body, c.out); }},
-};
-
-const LocalAction *find_action(const char *name)
+// The reply choice, the same for every handler and for the relay: the session is
+// refreshed, then the reply text, the plain success or the coded failure is written.
+void reply_with(const ActionRequest &req, Outcome &o)
 {
-    for (const LocalAction &a : kActions)
-        if (strcmp(a.name, name) == 0)
-            return &a;
-    return nullptr;
-}
-
-void session_probe(Webs *wp, const char *session_id, const char *access)
-{
-    if (check_session_id_valid(wp, session_id, access) == 0)
-        json_OK(wp);
-    else
-        HTTP_DEBUG("sessionId:%s\n", session_id ? session_id : "(null)");
-}
-
-// Relays the request to the device application that the routing table names for it.
-// Returns the result for the reply choice, or -1 after writing a reply of its own.
-int relay(Webs *wp, const char *action, const char *body, char **out, char *reason, bool *replied)
-{
-    int route_socket = -1;
-    int route_index = -1;
-    char receiver[HTTP_RECEIVER_NAME_SIZE] = "";
-    if (!http_protocol_matching(action, &route_socket, receiver, &route_index, body)) {
-        snprintf(reason, HTTP_REASON_SIZE, "%s :%s", kNoProtocol, action);
-        HTTP_ERROR("web server not support this protocol! :%s\n", kNoProtocol);
-        return 501;
-    }
-    HTTP_DEBUG("app_update -----------------------------start\n");
-    int result;
-    if (strcmp(receiver, "app_update") == 0 && strcmp(action, "StartUpgrade") == 0) {
-        result = http_upgrade_relay(wp, out, reason, route_socket, receiver, replied);
-    } else if (wp->inputFile) {
-        // Only a firmware image may arrive as a spooled body.
-        websError(wp, 413, "Request body too large");
-        *replied = true;
-        result = -1;
-    } else {
-        HTTP_DEBUG("msg--------------------other\n");
-        result = http_send_and_recv_app_codec(action, reason, body, out, route_socket, receiver);
-    }
-    http_msg_socket_uninit(route_index);
-    return result;
-}
-
-// Runs the handler the action names and writes its reply; the caller holds mutex.
-void process(Webs *wp, const char *action, const RequestQuery &query)
-{
-    const char *body = wp->input.servp ? wp->input.servp : "";
-    char *out_raw = nullptr;
-    char reason[HTTP_REASON_SIZE] = "";
-    int result;
-    bool replied = false;
-
-    ActionCall call{body, &out_raw, reason};
-    char cap_path[HTTP_CAP_PATH_SIZE] = "";
-    if (const LocalAction *a = find_action(action))
-        result = a->run(call);
-    else if (http_capability_protocol_matching(action, cap_path))
-        result = actionGetDeviceCap(cap_path, body, &out_raw);
-    else
-        result = relay(wp, action, body, &out_raw, reason, &replied);
-
-    HeapText out(out_raw);
-    if (replied)
+    if (o.replied)
         return;
-    if (query.sessionid)
-        find_saved_session(query.sessionid, "set");
-    if (out) {
-        HTTP_DEBUG("out_json=\n%s\n", out.get());
-        http_response(wp, out.get());
-    } else if (result == 0) {
+    if (req.query.sessionid)
+        find_saved_session(req.query.sessionid, "set");
+    Webs *wp = req.wp();
+    if (o.out) {
+        HTTP_DEBUG("out_json=\n%s\n", o.out.get());
+        http_response(wp, o.out.get());
+    } else if (o.result == 0) {
         HTTP_DEBUG("json_OK\n");
         json_OK(wp);
     } else {
         HTTP_DEBUG("json_perror\n");
-        json_perror(wp, result, reason);
+        json_perror(wp, o.result, o.reason);
     }
 }
 
-// Whether the request may run: the gate, in its order. False after a reply was written.
-bool admitted(Webs *wp, const char *action, const char *access, const RequestQuery &query)
+// A local handler's step: the handler, then the reply choice.
+void run_local(const RequestPtr &req, bool blocking, int (*handler)(ActionCall &))
 {
-    if (query.username && query.password)
-        return check_query_credentials(wp, query.username, query.password) == 0;
-    const LocalAction *local = find_action(action);
-    if (local && local->open)
-        return true;
-    if (strcmp(action, "set_login_time") == 0) {
-        session_probe(wp, query.sessionid, "set");
-        return false;
+    local_actions().run(blocking, req->hold, [req, handler] {
+        char *out = nullptr;
+        Outcome o;
+        ActionCall call{req->body(), &out, o.reason};
+        o.result = handler(call);
+        o.out.reset(out);
+        reply_with(*req, o);
+    });
+}
+
+// A capability command, answered from its file on the local actions' turn.
+void answer_capability(const RequestPtr &req, const char *cap_path)
+{
+    std::string path = cap_path;
+    local_actions().run(false, req->hold, [req, path] {
+        char *out = nullptr;
+        int result = actionGetDeviceCap(path.c_str(), req->body(), &out);
+        Outcome o = Outcome::of(result, out);
+        reply_with(*req, o);
+    });
+}
+
+// Relays the request to the device application that the routing table names for it.
+void relay(const RequestPtr &req)
+{
+    http_protocol_matching(req->action, req->body(), req->hold, [req](Route route) {
+        if (!route) {
+            char reason[HTTP_REASON_SIZE];
+            snprintf(reason, sizeof reason, "%s :%s", kNoProtocol, req->action);
+            HTTP_ERROR_AS("actionGetMethodUrl", "web server not support this protocol! :%s\n", kNoProtocol);
+            Outcome o = Outcome::of(501, nullptr, reason);
+            reply_with(*req, o);
+            return;
+        }
+        HTTP_DEBUG("app_update -----------------------------start\n");
+        auto done = [req](Outcome o) { reply_with(*req, o); };
+        if (strcmp(route.receiver_name(), HTTP_RECEIVER_APP_UPDATE) == 0 && strcmp(req->action, "StartUpgrade") == 0) {
+            http_upgrade_relay(req->hold, std::move(route), done);
+            return;
+        }
+        if (req->wp()->inputFile) {
+            // Only a firmware image for the upgrade application may arrive as a spooled body.
+            route.reset();
+            websError(req->wp(), 413, "Request body too large");
+            return;
+        }
+        HTTP_DEBUG("msg--------------------other\n");
+        auto open = std::make_shared<Route>(std::move(route));
+        http_send_and_recv_app_codec(req->action, req->body(), *open, [req, open](ExchangeResult &r) {
+            open->reset();
+            Outcome o = Outcome::of(r.code, r.reply.release(), r.reason);
+            reply_with(*req, o);
+        });
+    });
+}
+
+// The request's body is in: the action runs as its row says.
+void process(const RequestPtr &req)
+{
+    HTTP_DEBUG("in_json=\n%s\n", req->body());
+    const Command &row = *req->row;
+    switch (row.exec) {
+    case Exec::Quick:
+    case Exec::Blocking:
+        run_local(req, row.exec == Exec::Blocking, row.handler);
+        return;
+    case Exec::Login:
+        http_login_flow(req->hold, req->body(), [req](Outcome o) { reply_with(*req, o); });
+        return;
+    case Exec::Answer:  // reached only with credentials in the query: no command of its own
+    case Exec::Relay:
+    case Exec::Upload:
+        break;
     }
-    return check_session_id_valid(wp, query.sessionid, access) == 0;
+    char cap_path[HTTP_CAP_PATH_SIZE] = "";
+    if (http_capability_protocol_matching(req->action, cap_path))
+        answer_capability(req, cap_path);
+    else
+        relay(req);
+}
+
+// The caller passed the gate: the body may come now.
+void admit(const RequestPtr &req)
+{
+    websReadBody(req->wp(), req->row->body, [req](Webs *) { process(req); });
+}
+
+// The probe ("get": the session is not refreshed) and the touch ("set"): the plain success,
+// once the body is in, on the local turn.
+void session_probe(const RequestPtr &req, const char *access)
+{
+    const char *sid = req->query.sessionid;
+    if (check_session_id_valid(req->wp(), sid, access) != 0) {
+        HTTP_DEBUG("sessionId:%s\n", sid ? sid : "(null)");
+        return;
+    }
+    websReadBody(req->wp(), req->row->body, [req](Webs *) {
+        local_actions().run(false, req->hold, [req] { json_OK(req->wp()); });
+    });
+}
+
+void upload(const RequestPtr &req)
+{
+    if (!caller_allowed(req->wp(), req->query))
+        return;
+    websReadBody(req->wp(), req->row->body, [req](Webs *) {
+        local_actions().run(true, req->hold, [req] { http_upload_image(req->wp(), req->query); });
+    });
+}
+
+// The gate, in its order. Refusals are written here, before the body is read.
+void gate(const RequestPtr &req)
+{
+    Webs *wp = req->wp();
+    const RequestQuery &query = req->query;
+    const Access access = req->row->access;
+    if (access == Access::Upload) {
+        upload(req);
+        return;
+    }
+    if (access == Access::Probe) {
+        session_probe(req, "get");
+        return;
+    }
+    if (query.username && query.password) {
+        check_query_credentials(req->hold, query.username, query.password, [req] { admit(req); });
+        return;
+    }
+    if (access == Access::Open) {
+        admit(req);
+        return;
+    }
+    if (access == Access::Touch) {
+        session_probe(req, "set");
+        return;
+    }
+    if (check_session_id_valid(wp, query.sessionid, req->access) == 0)
+        admit(req);
 }
 
 } // namespace
 
 void actionGetMethodUrl(Webs *wp)
 {
-    char url[kUrlCopySize] = "";
-    scopy(url, sizeof url, wp->url ? wp->url : "");
-    char *slash = strrchr(url, '/');
+    auto req = std::make_shared<ActionRequest>(wp);
+    scopy(req->url, sizeof req->url, wp->url ? wp->url : "");
+    char *slash = strrchr(req->url, '/');
     if (!slash) {
         websError(wp, 404, "Missing action name");
         return;
     }
-    char *action = slash + 1;
-    RequestQuery query;
-    if (char *mark = strchr(action, '?')) {
+    req->action = slash + 1;
+    if (char *mark = strchr(req->action, '?')) {
         *mark = '\0';
-        if (parse_request_query(mark + 1, &query) != 0) {
+        if (parse_request_query(mark + 1, &req->query) != 0) {
             json_perror(wp, -1, "Invalid URL");
             return;
         }
     }
-    HTTP_DEBUG("actionName=%s\n", action);
-    char access[kAccessSize];
-    copy_field(access, sizeof access, action);
-    if (char *underscore = strchr(access, '_'))
+    HTTP_DEBUG("actionName=%s\n", req->action);
+    copy_field(req->access, sizeof req->access, req->action);
+    if (char *underscore = strchr(req->access, '_'))
         *underscore = '\0';
-
-    // A body too large for memory is only ever a firmware image.
-    if (wp->inputFile && strcmp(action, "StartUpgrade") != 0) {
-        websError(wp, 413, "Request body too large");
-        return;
-    }
-    if (strcmp(action, "upload_Image") == 0) {
-        http_upload_image(wp, query);
-        return;
-    }
-    if (strcmp(action, "detection_sessionid") == 0) {
-        session_probe(wp, query.sessionid, "get");
-        return;
-    }
-    if (!admitted(wp, action, access, query))
-        return;
-
-    HTTP_DEBUG("in_json=\n%s\n", wp->input.servp ? wp->input.servp : "");
-    std::lock_guard<std::mutex> lock(mutex);
-    process(wp, action, query);
+    req->row = &find_command(req->action);
+    gate(req);
 }

@@ -10,10 +10,13 @@
 #include "session/session.h"
 #include "webserver/device_message.h"
 #include "webserver/http_reply.h"
+#include "webserver/local_actions.h"
 #include "webserver/msg_exchange.h"
 #include "webserver/routing_table.h"
 
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -24,41 +27,49 @@ constexpr char kNoServer[] = "Failed to request server";
 enum class Verdict { Answered, PayloadFailed, ExchangeFailed };
 
 struct Verification {
-    Verdict verdict;
-    int result;       // the formatter's or the exchange's result when it failed
-    HeapText answer;  // the application's "Response" text when it answered
+    Verdict verdict = Verdict::ExchangeFailed;
+    int result = 0;       // the formatter's or the exchange's result when it failed
+    HeapText answer;      // the application's "Response" text when it answered
+    char reason[HTTP_REASON_SIZE] = "";
 };
+using Verified = std::function<void(Verification &)>;
 
 // Asks the application routed for "VerifyPassword" about login's credentials. The route's
 // connection is closed on every path. body is what earlier receivers of the command get.
-Verification ask_device(const LoginParam &login, const char *body, char *reason)
+void ask_device(const LoginParam &login, const char *body, WebsHold hold, Verified done)
 {
-    int route_socket = -1;
-    int route_index = -1;
-    char receiver[HTTP_RECEIVER_NAME_SIZE] = "";
-    bool routed = http_protocol_matching(kVerifyCommand, &route_socket, receiver, &route_index, body) != 0;
-
-    char *payload_raw = nullptr;
-    int rc = formatLoginMsgParamJSON(&payload_raw, &login);
-    HeapText payload(payload_raw);
-    if (rc != 0 || !payload) {
-        HTTP_ERROR("Format Language fail  return : %d\n", rc);
-        http_msg_socket_uninit(route_index);
-        return {Verdict::PayloadFailed, rc != 0 ? rc : -15, nullptr};
-    }
-    if (!routed) {
-        // No application to ask: answered as a failed request, without touching a socket.
-        snprintf(reason, HTTP_REASON_SIZE, "%s", kNoServer);
-        HTTP_ERROR("no route for %s: %s\n", kVerifyCommand, reason);
-        return {Verdict::ExchangeFailed, 550, nullptr};
-    }
-    char *answer_raw = nullptr;
-    rc = http_send_and_recv_app_codec(kVerifyCommand, reason, payload.get(), &answer_raw, route_socket, receiver);
-    http_msg_socket_uninit(route_index);
-    HeapText answer(answer_raw);
-    if (rc != 0)
-        return {Verdict::ExchangeFailed, rc, nullptr};
-    return {Verdict::Answered, 0, std::move(answer)};
+    http_protocol_matching(kVerifyCommand, body, std::move(hold), [login, done](Route route) {
+        Verification v;
+        char *payload_raw = nullptr;
+        int rc = formatLoginMsgParamJSON(&payload_raw, &login);
+        HeapText payload(payload_raw);
+        if (rc != 0 || !payload) {
+            HTTP_ERROR_AS("ask_device", "Format Language fail  return : %d\n", rc);
+            route.reset();
+            v.verdict = Verdict::PayloadFailed;
+            v.result = rc != 0 ? rc : -15;
+            done(v);
+            return;
+        }
+        if (!route) {
+            // No application to ask: answered as a failed request, without touching a socket.
+            snprintf(v.reason, sizeof v.reason, "%s", kNoServer);
+            HTTP_ERROR_AS("ask_device", "no route for %s: %s\n", kVerifyCommand, v.reason);
+            v.result = 550;
+            done(v);
+            return;
+        }
+        auto open = std::make_shared<Route>(std::move(route));
+        http_send_and_recv_app_codec(kVerifyCommand, payload.get(), *open, [open, done](ExchangeResult &r) {
+            open->reset();
+            Verification answered;
+            answered.verdict = r.code == 0 ? Verdict::Answered : Verdict::ExchangeFailed;
+            answered.result = r.code;
+            answered.answer = std::move(r.reply);
+            snprintf(answered.reason, sizeof answered.reason, "%s", r.reason);
+            done(answered);
+        });
+    });
 }
 
 // Whether the application's answer says the password is valid.
@@ -86,46 +97,60 @@ int check_session_id_valid(Webs *wp, const char *session_id, const char *access)
     return 0;
 }
 
-int check_query_credentials(Webs *wp, const char *username, const char *password)
+void check_query_credentials(WebsHold hold, const char *username, const char *password,
+                             std::function<void()> admitted)
 {
     LoginParam login{};
     copy_field(login.username, sizeof login.username, username);
     copy_field(login.password, sizeof login.password, password);
-    char reason[HTTP_REASON_SIZE] = "";
-    Verification v = ask_device(login, nullptr, reason);
-    if (v.verdict != Verdict::Answered) {
-        json_perror(wp, -1, kInvalidUser);
-        HTTP_ERROR("Invalid username or password\n");
-        return -1;
-    }
-    if (!password_accepted(v.answer.get())) {
-        char *text_raw = nullptr;
-        formatFailCallJSON(&text_raw, kInvalidUser);
-        HeapText text(text_raw);
-        if (text)
-            http_response(wp, text.get());
-        else
+    ask_device(login, nullptr, hold, [hold, admitted](Verification &v) {
+        Webs *wp = hold.get();
+        if (v.verdict != Verdict::Answered) {
             json_perror(wp, -1, kInvalidUser);
-        return -1;
-    }
-    return 0;
+            HTTP_ERROR_AS("check_query_credentials", "Invalid username or password\n");
+            return;
+        }
+        if (!password_accepted(v.answer.get())) {
+            char *text_raw = nullptr;
+            formatFailCallJSON(&text_raw, kInvalidUser);
+            HeapText text(text_raw);
+            if (text)
+                http_response(wp, text.get());
+            else
+                json_perror(wp, -1, kInvalidUser);
+            return;
+        }
+        admitted();
+    });
 }
 
-int http_login_flow(const char *in_json, char **out_json, char *reason)
+void http_login_flow(WebsHold hold, const char *in_json, std::function<void(Outcome)> done)
 {
     LoginParam login{};
     int timeout = 0;
     if (getLoginParamFromJSON(in_json, &login, &timeout) != 0) {
         HTTP_ERROR("Invalid input params\n");
-        formatFailCallJSON(out_json, "Invalid input params");
-        return -1;
+        char *out = nullptr;
+        formatFailCallJSON(&out, "Invalid input params");
+        done(Outcome::of(-1, out));
+        return;
     }
-    Verification v = ask_device(login, in_json, reason);
-    if (v.verdict != Verdict::Answered)
-        return v.result;
-    if (!password_accepted(v.answer.get())) {
-        formatFailCallJSON(out_json, kInvalidUser);
-        return -1;
-    }
-    return actionLogin(&login, timeout, out_json);
+    ask_device(login, in_json, hold, [hold, login, timeout, done](Verification &v) {
+        if (v.verdict != Verdict::Answered) {
+            done(Outcome::of(v.result, nullptr, v.reason));
+            return;
+        }
+        if (!password_accepted(v.answer.get())) {
+            char *out = nullptr;
+            formatFailCallJSON(&out, kInvalidUser);
+            done(Outcome::of(-1, out));
+            return;
+        }
+        // The session is the login's local step: it takes its turn among the local actions.
+        local_actions().run(false, hold, [login, timeout, done] {
+            char *out = nullptr;
+            int rc = actionLogin(&login, timeout, &out);
+            done(Outcome::of(rc, out));
+        });
+    });
 }

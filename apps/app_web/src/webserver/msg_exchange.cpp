@@ -1,16 +1,24 @@
 #include "webserver/msg_exchange.h"
 
+#include "common/event_loop.h"
 #include "common/log.h"
 #include "common/owners.h"
 #include "json2c/json_fields.h"
+#include "webserver/commands.h"
 #include "webserver/device_message.h"
 #include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
 #include <nanomsg/pair.h>
 #include <nanomsg/reqrep.h>
+#include <string>
+#include <sys/epoll.h>
+#include <vector>
 
 int http_msg_upgrade_fd;
 
@@ -20,19 +28,7 @@ constexpr const char kStartUpgrade[] = "StartUpgrade";
 // A progress reply below this value means the upgrade application is still working.
 constexpr int kUpgradeDone = 100;
 
-struct RecvTimeout {
-    const char *command;
-    bool upgrade_socket_only;
-    int ms;
-};
-// Commands whose answer takes the application longer than the usual 3 seconds.
-constexpr RecvTimeout kRecvTimeouts[] = {
-    {kStartUpgrade, true, 180000},          // per progress step of a firmware install
-    {"GetScanWIFIHotspot", false, 180000},  // a scan of every channel
-    {"SetNetworkWIFIParameters", false, 5000},
-    {"GetNetworkWIFIParameters", false, 5000},
-};
-constexpr int kDefaultRecvTimeoutMs = 3000;
+UpgradeStatus upgrade_status;
 
 bool is_device_cap(const http_protocol_receiver &entry)
 {
@@ -66,22 +62,288 @@ int http_msg_socket_init(http_protocol_receiver &entry)
     return 0;
 }
 
-// The progress value of an upgrade reply {"Result": "OK", "Parameters":
-// {"UpgradeProgressValue": N}}; false for a reply of any other shape.
-bool upgrade_progress(const cJSON *response, int *value)
+// The descriptor nanomsg signals on when the socket can send (NN_SNDFD) or has a message
+// (NN_RCVFD); -1 when it has none.
+int signal_fd(int sock, int option)
 {
-    const cJSON *result = cJSON_GetObjectItem(response, "Result");
-    const cJSON *params = cJSON_GetObjectItem(response, "Parameters");
-    if (!cJSON_IsString(result) || strcmp(result->valuestring, "OK") != 0 || !cJSON_IsObject(params))
-        return false;
-    const cJSON *progress = cJSON_GetObjectItemCaseSensitive(params, "UpgradeProgressValue");
-    if (!cJSON_IsNumber(progress))
-        return false;
-    *value = progress->valueint;
-    return true;
+    int fd = -1;
+    size_t size = sizeof fd;
+    return nn_getsockopt(sock, NN_SOL_SOCKET, option, &fd, &size) == 0 ? fd : -1;
 }
 
-} // namespace
+}  // namespace
+
+// One exchange on a route's socket: the request goes out (waiting at most the send time-out
+// for the socket to take it), then replies are taken until one ends the exchange or the
+// receive time-out passes. The lines it writes carry the names of the steps the logs know.
+class Exchange {
+public:
+    Exchange(int msg_fd, bool upgrade_socket, const char *command, ExchangeDone done)
+        : loop_(*EventLoop::current()), fd_(msg_fd), upgrade_socket_(upgrade_socket), command_(command),
+          done_(std::move(done))
+    {
+    }
+
+    void start(HeapText request)
+    {
+        if (following_upgrade())
+            upgrade_status = {true, 0};
+        request_ = std::move(request);
+        HTTP_DEBUG("http send data:%s\n", request_.get());
+        if (!try_send()) {
+            timer_ = loop_.after(std::chrono::milliseconds(HTTP_MSG_SEND_TIMEOUT_MS), [this] { send_failed(); });
+            watch_ = loop_.watch(signal_fd(fd_, NN_SNDFD), EPOLLIN, [this](uint32_t) {
+                if (try_send())
+                    sent();
+            });
+            if (!watch_)
+                send_failed();
+            return;
+        }
+        sent();
+    }
+
+    // Ends the exchange with code (0 with the reply set); done is the last thing that runs,
+    // as it may end the route and with it this exchange.
+    void finish(int code)
+    {
+        watch_.reset();
+        timer_.reset();
+        if (following_upgrade())
+            upgrade_status.running = false;
+        result_.code = code;
+        if (code != 0)
+            HTTP_ERROR_AS("http_send_and_recv_app_codec", "http send recv fail des=%d\n", code);
+        ExchangeDone done = std::move(done_);
+        ExchangeResult result = std::move(result_);
+        done(result);
+    }
+
+    ExchangeResult result_;
+
+private:
+    // True once the socket took the request or refused it for good.
+    bool try_send()
+    {
+        return http_msg_socket_send(request_.get(), strlen(request_.get()) + 1, fd_) >= 0 || nn_errno() != EAGAIN;
+    }
+
+    // A failed send shows as a failed receive, as it always has.
+    void send_failed()
+    {
+        HTTP_ERROR_AS("http_msg_socket_send", "http send data fail bytes=%d\n", -1);
+        sent();
+    }
+
+    void sent()
+    {
+        watch_.reset();
+        timer_.reset();
+        request_.reset();
+        int timeout = http_msg_recv_timeout(command_.c_str(), upgrade_socket_);
+        if (following_upgrade())
+            HTTP_ERROR_AS("http_msg_socket_recv", "http_msg_upgrade_fd timeo=%d\n", timeout);
+        if (receive_ready())
+            return;
+        watch_ = loop_.watch(signal_fd(fd_, NN_RCVFD), EPOLLIN, [this](uint32_t) { receive_ready(); });
+        arm_receive_timer();
+    }
+
+    bool following_upgrade() const { return upgrade_socket_ && command_ == kStartUpgrade; }
+
+    void arm_receive_timer()
+    {
+        int timeout = http_msg_recv_timeout(command_.c_str(), upgrade_socket_);
+        timer_ = loop_.after(std::chrono::milliseconds(timeout), [this] {
+            HTTP_ERROR_AS("http_msg_socket_recv", "errno is: %d\n", ETIMEDOUT);
+            HTTP_ERROR_AS("http_msg_socket_recv", "http recv fail connect time out! :%s\n",
+                          http_msg_reason(HTTP_MSG_TIMEOUT, result_.reason));
+            finish(HTTP_MSG_TIMEOUT);
+        });
+    }
+
+    // Takes what the socket holds; true once the exchange has ended.
+    bool receive_ready()
+    {
+        for (;;) {
+            void *buf = nullptr;
+            int got = nn_recv(fd_, &buf, NN_MSG, NN_DONTWAIT);
+            if (got < 0) {
+                int err = nn_errno();
+                if (err == EAGAIN || err == EINTR)
+                    return false;
+                HTTP_ERROR_AS("http_msg_socket_recv", "errno is: %d\n", err);
+                HTTP_ERROR_AS("http_msg_socket_recv", "http recv fail ! :%s\n",
+                              http_msg_reason(HTTP_MSG_FAILED, result_.reason));
+                finish(HTTP_MSG_FAILED);
+                return true;
+            }
+            NnMsgPtr msg(buf);
+            CJsonPtr tree;
+            cJSON *response = nullptr;
+            int code = http_check_reply(static_cast<const char *>(buf), static_cast<size_t>(got), command_.c_str(),
+                                        result_.reason, &tree, &response,
+                                        LogSite{__FILE__, __LINE__, "http_msg_socket_recv"});
+            if (code != 0) {
+                finish(code);
+                return true;
+            }
+            int progress = 0;
+            if (upgrade_socket_ && http_upgrade_progress(response, &progress)) {
+                HTTP_DEBUG("http recv ProgressValue->valueint %d\n", progress);
+                if (following_upgrade())
+                    upgrade_status.value = progress;
+                if (progress < kUpgradeDone) {
+                    arm_receive_timer();  // each step has the whole time-out
+                    continue;             // this message and its tree are released first
+                }
+            }
+            result_.reply.reset(cJSON_Print(response));
+            if (!result_.reply) {
+                HTTP_ERROR_AS("http_msg_socket_recv", "http recv fail ! :%s\n",
+                              http_msg_reason(HTTP_MSG_FAILED, result_.reason));
+                finish(HTTP_MSG_FAILED);
+                return true;
+            }
+            HTTP_DEBUG("http recv format sucess %s\n", result_.reply.get());
+            finish(0);
+            return true;
+        }
+    }
+
+    EventLoop &loop_;
+    int fd_;
+    bool upgrade_socket_;
+    std::string command_;
+    ExchangeDone done_;
+    HeapText request_;
+    EventLoop::Watch watch_;
+    EventLoop::Timer timer_;
+};
+
+// An open connection to one receiver: entry index's socket, and the exchange under way on it.
+class RouteConnection {
+public:
+    explicit RouteConnection(int index) : index_(index) {}
+    ~RouteConnection()
+    {
+        // The exchange drops its watches on the socket's descriptors before the socket goes.
+        exchange_.reset();
+        http_msg_socket_uninit(index_);
+        entry().msg_fd = -1;
+    }
+    int open()
+    {
+        http_protocol_receiver &e = entry();
+        int rc = http_msg_socket_init(e);
+        upgrade_ = rc == 0 && strcmp(e.receiver_name, HTTP_RECEIVER_APP_UPDATE) == 0;
+        return rc;
+    }
+    http_protocol_receiver &entry() const { return http_protocol_command[index_]; }
+    int index() const { return index_; }
+    bool upgrade() const { return upgrade_; }
+
+    std::unique_ptr<Exchange> exchange_;
+
+private:
+    int index_;
+    bool upgrade_ = false;
+};
+
+// The turns of the applications: per IPC address, the open route and the exchanges waiting
+// for it, in arrival order.
+class ApplicationTurns : public LoopPart {
+public:
+    explicit ApplicationTurns(EventLoop &) {}
+    ~ApplicationTurns() override
+    {
+        // Open routes close their sockets; the requests that waited are answered by the web
+        // layer as their holds go.
+        closing_ = true;
+        queues_.clear();
+    }
+
+    // Runs start with a route to entry index on its application's turn: at once when the
+    // application is free, else after the exchanges before it. A waiting request whose
+    // client went away is passed over.
+    void take(int index, WebsHold hold, std::function<void(Route)> start)
+    {
+        std::string url = http_protocol_command[index].ipc_url;
+        queues_[url].waiting.push_back({index, std::move(hold), std::move(start)});
+        next(url);
+    }
+
+    // The route's end: its socket closes and the next exchange with the application begins.
+    void end(RouteConnection *conn)
+    {
+        if (closing_)
+            return;
+        std::string url = conn->entry().ipc_url;
+        Queue &q = queues_[url];
+        if (q.active.get() == conn)
+            q.active.reset();
+        next(url);
+    }
+
+private:
+    struct Waiting {
+        int index;
+        WebsHold hold;
+        std::function<void(Route)> start;
+    };
+    struct Queue {
+        std::unique_ptr<RouteConnection> active;
+        std::deque<Waiting> waiting;
+    };
+
+    void next(const std::string &url)
+    {
+        Queue &q = queues_[url];  // queues are never removed: the references stay good
+        while (!q.active && !q.waiting.empty()) {
+            Waiting w = std::move(q.waiting.front());
+            q.waiting.pop_front();
+            if (w.hold && websClientGone(w.hold.get()))
+                continue;
+            auto conn = std::make_unique<RouteConnection>(w.index);
+            if (conn->open() != 0) {
+                conn.reset();
+                w.start(Route());
+                continue;
+            }
+            q.active = std::move(conn);
+            w.start(Route(this, q.active.get()));
+        }
+    }
+
+    std::map<std::string, Queue> queues_;
+    bool closing_ = false;
+};
+
+Route::Route(Route &&other) noexcept
+    : turns_(std::exchange(other.turns_, nullptr)), conn_(std::exchange(other.conn_, nullptr))
+{
+}
+
+Route &Route::operator=(Route &&other) noexcept
+{
+    if (this != &other) {
+        reset();
+        turns_ = std::exchange(other.turns_, nullptr);
+        conn_ = std::exchange(other.conn_, nullptr);
+    }
+    return *this;
+}
+
+void Route::reset()
+{
+    if (conn_)
+        std::exchange(turns_, nullptr)->end(std::exchange(conn_, nullptr));
+}
+
+int Route::msg_fd() const { return conn_ ? conn_->entry().msg_fd : -1; }
+int Route::index() const { return conn_ ? conn_->index() : -1; }
+const char *Route::receiver_name() const { return conn_ ? conn_->entry().receiver_name : ""; }
+bool Route::upgrade_socket() const { return conn_ && conn_->upgrade(); }
 
 int http_capability_protocol_matching(const char *command, char *cap_path)
 {
@@ -101,153 +363,126 @@ int http_capability_protocol_matching(const char *command, char *cap_path)
     return 0;
 }
 
-int http_protocol_matching(const char *command, int *msg_fd, char *receiver_name, int *index, const char *payload)
+namespace {
+
+// The deliveries of one command, receiver by receiver in table order.
+struct Delivery : std::enable_shared_from_this<Delivery> {
+    std::string command;
+    std::string payload;
+    bool has_payload = false;
+    WebsHold hold;
+    std::function<void(Route)> ready;
+    std::vector<int> receivers;  // table indices
+    size_t at = 0;
+
+    void deliver()
+    {
+        int index = receivers[at];
+        auto self = shared_from_this();
+        EventLoop::current()->part<ApplicationTurns>().take(index, hold, [self](Route route) {
+            self->on_turn(std::move(route));
+        });
+    }
+
+    void on_turn(Route route)
+    {
+        if (!route) {
+            HTTP_ERROR_AS("http_protocol_matching", "http_msg_socket_init name：%s\n", command.c_str());
+            ready(Route());
+            return;
+        }
+        if (at + 1 == receivers.size()) {
+            ready(std::move(route));
+            return;
+        }
+        // An earlier receiver of a command listed several times: deliver now, and only the
+        // last receiver's answer reaches the caller.
+        auto self = shared_from_this();
+        auto keep = std::make_shared<Route>(std::move(route));
+        http_send_and_recv_app_codec(command.c_str(), has_payload ? payload.c_str() : nullptr, *keep,
+                                     [self, keep](ExchangeResult &r) {
+                                         std::string receiver = keep->receiver_name();
+                                         keep->reset();
+                                         HTTP_ERROR_AS("http_protocol_matching",
+                                                       "msg sand：name=%s receiver_name=%s des=%s\n",
+                                                       self->command.c_str(), receiver.c_str(), r.reason);
+                                         ++self->at;
+                                         self->deliver();
+                                     });
+    }
+};
+
+}  // namespace
+
+void http_protocol_matching(const char *command, const char *payload, WebsHold hold,
+                            std::function<void(Route)> ready)
 {
-    if (!command || !msg_fd || !receiver_name || !index)
-        return 0;
+    if (!command) {
+        ready(Route());
+        return;
+    }
     // An entry without an IPC address is not a route: no exchange ever runs on a socket
     // that was never opened.
-    int matches = 0;
-    for (const http_protocol_receiver &entry : http_protocol_command) {
+    auto d = std::make_shared<Delivery>();
+    for (int i = 0; i < HTTP_PROTOCOL_MAX; ++i) {
+        const http_protocol_receiver &entry = http_protocol_command[i];
         for (int k = 0; !is_device_cap(entry) && k < HTTP_PROTOCOL_CMD_MAX; ++k) {
             if (!lists_command(entry, k, command))
                 continue;
             if (http_is_ipc_url(entry.ipc_url))
-                ++matches;
+                d->receivers.push_back(i);
             else
                 HTTP_ERROR("%s: receiver %s has no ipc address \n", command, entry.receiver_name);
         }
     }
-    int to_go = matches - 1;
-    HTTP_ERROR("http_protocol_matching  sum=%d\n", to_go);
-
-    for (int i = 0; i < HTTP_PROTOCOL_MAX; ++i) {
-        http_protocol_receiver &entry = http_protocol_command[i];
-        if (is_device_cap(entry) || !http_is_ipc_url(entry.ipc_url))
-            continue;
-        for (int k = 0; k < HTTP_PROTOCOL_CMD_MAX; ++k) {
-            if (!lists_command(entry, k, command))
-                continue;
-            http_msg_upgrade_fd = -1;
-            if (http_msg_socket_init(entry) != 0) {
-                HTTP_ERROR("http_msg_socket_init name：%s\n", command);
-                return 0;
-            }
-            if (to_go == 0) {
-                copy_field(receiver_name, HTTP_RECEIVER_NAME_SIZE, entry.receiver_name);
-                *msg_fd = entry.msg_fd;
-                *index = i;
-                return 1;
-            }
-            // An earlier receiver of a command listed several times: deliver now, and
-            // only the last receiver's answer reaches the caller.
-            NnSocket earlier(entry.msg_fd);
-            entry.msg_fd = -1;
-            char reason[HTTP_REASON_SIZE] = "";
-            char *reply = nullptr;
-            http_send_and_recv_app_codec(command, reason, payload, &reply, earlier.get(), entry.receiver_name);
-            HeapText discarded(reply);
-            HTTP_ERROR("msg sand：name=%s receiver_name=%s des=%s\n", command, entry.receiver_name, reason);
-            --to_go;
-        }
+    HTTP_ERROR("http_protocol_matching  sum=%d\n", static_cast<int>(d->receivers.size()) - 1);
+    if (d->receivers.empty()) {
+        ready(Route());
+        return;
     }
-    return 0;
+    http_msg_upgrade_fd = -1;
+    d->command = command;
+    d->has_payload = payload != nullptr;
+    d->payload = payload ? payload : "";
+    d->hold = std::move(hold);
+    d->ready = std::move(ready);
+    d->deliver();
 }
 
-int http_send_and_recv_app_codec(const char *command, char *reason, const char *payload, char **reply, int msg_fd,
-                                 const char *receiver_name)
+void http_send_and_recv_app_codec(const char *command, const char *payload, Route &route, ExchangeDone done)
 {
-    if (!command || !reason || !reply || !receiver_name) {
+    RouteConnection *conn = route.connection();
+    auto exchange = std::make_unique<Exchange>(route.msg_fd(), route.upgrade_socket(), command ? command : "",
+                                               std::move(done));
+    if (!conn || !command) {
         HTTP_ERROR("Invalid params\n");
-        return HTTP_MSG_FAILED;
+        exchange->finish(HTTP_MSG_FAILED);
+        return;
     }
-    int code;
-    HeapText request(http_set_command_response(command, receiver_name, payload));
+    HeapText request(http_set_command_response(command, route.receiver_name(), payload));
     if (!request) {
-        HTTP_ERROR("http request build fail! :%s\n", http_msg_reason(HTTP_MSG_FAILED, reason));
-        code = HTTP_MSG_FAILED;
-    } else {
-        // A failed send shows as a failed receive.
-        http_msg_socket_send(request.get(), strlen(request.get()) + 1, msg_fd);
-        request.reset();
-        code = http_msg_socket_recv(reply, reason, command, msg_fd);
+        HTTP_ERROR("http request build fail! :%s\n", http_msg_reason(HTTP_MSG_FAILED, exchange->result_.reason));
+        exchange->finish(HTTP_MSG_FAILED);
+        return;
     }
-    if (code != 0)
-        HTTP_ERROR("http send recv fail des=%d\n", code);
-    return code;
+    conn->exchange_ = std::move(exchange);
+    conn->exchange_->start(std::move(request));
 }
 
 int http_msg_socket_send(const char *text, size_t len, int msg_fd)
 {
-    int timeout = HTTP_MSG_SEND_TIMEOUT_MS;
-    int rc = nn_setsockopt(msg_fd, NN_SOL_SOCKET, NN_SNDTIMEO, &timeout, sizeof timeout);
-    if (rc < 0)
-        HTTP_ERROR("http send set  nn_setsockopt fail return=%d\n", rc);
-    HTTP_DEBUG("http send data:%s\n", text);
-    int sent = nn_send(msg_fd, text, len, 0);
-    if (sent < 0)
+    int sent = nn_send(msg_fd, text, len, NN_DONTWAIT);
+    if (sent < 0 && nn_errno() != EAGAIN)
         HTTP_ERROR("http send data fail bytes=%d\n", sent);
     return sent;
 }
 
-int http_msg_recv_timeout(const char *command, int msg_fd)
+int http_msg_recv_timeout(const char *command, bool upgrade_socket)
 {
-    for (const RecvTimeout &t : kRecvTimeouts) {
-        if (strcmp(command, t.command) == 0 && (!t.upgrade_socket_only || msg_fd == http_msg_upgrade_fd))
-            return t.ms;
-    }
+    const Command &row = find_command(command);
+    if (row.recv_timeout_ms > 0 && (!row.upgrade_socket_only || upgrade_socket))
+        return row.recv_timeout_ms;
     return kDefaultRecvTimeoutMs;
-}
-
-int http_msg_socket_recv(char **reply, char *reason, const char *command, int msg_fd)
-{
-    if (!reply || !reason || !command) {
-        HTTP_ERROR("Invalid params\n");
-        return HTTP_MSG_FAILED;
-    }
-    int timeout = http_msg_recv_timeout(command, msg_fd);
-    if (msg_fd == http_msg_upgrade_fd && strcmp(command, kStartUpgrade) == 0)
-        HTTP_ERROR("http_msg_upgrade_fd timeo=%d\n", timeout);
-    int rc = nn_setsockopt(msg_fd, NN_SOL_SOCKET, NN_RCVTIMEO, &timeout, sizeof timeout);
-    if (rc < 0)
-        HTTP_ERROR("http recv set  nn_setsockopt fail return=%d\n", rc);
-
-    for (;;) {
-        void *buf = nullptr;
-        int got = nn_recv(msg_fd, &buf, NN_MSG, 0);
-        if (got < 0) {
-            int err = nn_errno();
-            HTTP_ERROR("errno is: %d\n", err);
-            if (err == EINTR || err == EAGAIN)
-                continue;
-            if (err == ETIMEDOUT) {
-                HTTP_ERROR("http recv fail connect time out! :%s\n", http_msg_reason(HTTP_MSG_TIMEOUT, reason));
-                return HTTP_MSG_TIMEOUT;
-            }
-            HTTP_ERROR("http recv fail ! :%s\n", http_msg_reason(HTTP_MSG_FAILED, reason));
-            return HTTP_MSG_FAILED;
-        }
-        NnMsgPtr msg(buf);
-        CJsonPtr tree;
-        cJSON *response = nullptr;
-        int code = http_check_reply(static_cast<const char *>(buf), static_cast<size_t>(got), command, reason, &tree,
-                                    &response, LOG_HERE);
-        if (code != 0)
-            return code;
-        int progress = 0;
-        if (msg_fd == http_msg_upgrade_fd && upgrade_progress(response, &progress)) {
-            HTTP_DEBUG("http recv ProgressValue->valueint %d\n", progress);
-            if (progress < kUpgradeDone)
-                continue;  // this message and its tree are released before the next wait
-        }
-        *reply = cJSON_Print(response);
-        if (!*reply) {
-            HTTP_ERROR("http recv fail ! :%s\n", http_msg_reason(HTTP_MSG_FAILED, reason));
-            return HTTP_MSG_FAILED;
-        }
-        HTTP_DEBUG("http recv format sucess %s\n", *reply);
-        return 0;
-    }
 }
 
 int http_msg_socket_uninit(int index)
@@ -255,8 +490,9 @@ int http_msg_socket_uninit(int index)
     if (index < 0 || index >= HTTP_PROTOCOL_MAX)
         return 0;
     const http_protocol_receiver &entry = http_protocol_command[index];
-    // msg_fd keeps the closed id until the entry's next lookup.
     if (http_is_ipc_url(entry.ipc_url) && entry.msg_fd != -1)
         nn_close(entry.msg_fd);
     return 0;
 }
+
+UpgradeStatus http_upgrade_status() { return upgrade_status; }

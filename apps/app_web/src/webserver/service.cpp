@@ -59,6 +59,10 @@ int web_service_stop()
         listen_http_sid_ipv4 = -1;
     }
     pthread_join(pid, nullptr);
+    // A thread stopped between its listen and the store of the id stored it after the check
+    // above; once it has ended, nothing listens any more.
+    listen_https_sid_ipv4 = -1;
+    listen_http_sid_ipv4 = -1;
     return 0;
 }
 

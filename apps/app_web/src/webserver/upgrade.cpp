@@ -1,5 +1,7 @@
 #include "webserver/upgrade.h"
 
+#include "actions/reply_text.h"
+#include "c2json/upgrade_json.h"
 #include "common/log.h"
 #include "common/owners.h"
 #include "webs/webs.h"
@@ -11,11 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
-
 
 ssize_t body_length(const Webs *wp)
 {
@@ -77,16 +79,36 @@ char *http_upgrade_save_file(Webs *wp)
     return print_announcement();
 }
 
-int http_upgrade_relay(Webs *wp, char **out, char *reason, int route_socket, const char *receiver, bool *replied)
+void http_upgrade_relay(WebsHold hold, Route route, std::function<void(Outcome)> done)
 {
+    Webs *wp = hold.get();
     HTTP_DEBUG("app_update -----------------------------StartUpgrade\n");
     HTTP_DEBUG("input :%d\n", static_cast<int>(body_length(wp)));
     HeapText payload(http_upgrade_save_file(wp));
     if (!payload) {
         HTTP_ERROR("upgrade wirte fail \n");
         json_perror(wp, 550, "upgrade wirte fail");
-        *replied = true;
-        return -1;
+        route.reset();
+        done(Outcome::written());
+        return;
     }
-    return http_send_and_recv_app_codec("StartUpgrade", reason, payload.get(), out, route_socket, receiver);
+    auto open = std::make_shared<Route>(std::move(route));
+    http_send_and_recv_app_codec("StartUpgrade", payload.get(), *open, [open, done](ExchangeResult &r) {
+        open->reset();
+        done(Outcome::of(r.code, r.reply.release(), r.reason));
+    });
+}
+
+int actionGetUpgradeProgress(const char * /*in_json*/, char **out_json)
+{
+    UpgradeStatus status = http_upgrade_status();
+    char *params = nullptr;
+    int rc = formatUpgradeProgressJSON(&params, status.running, status.value);
+    if (rc != 0) {
+        HTTP_ERROR("format upgrade progress fail  return : %d\n", rc);
+        formatFailCallJSON(out_json, "Failed to get params");
+        return rc;
+    }
+    formatParamsJSON(out_json, "Successfully to get params", params);
+    return 0;
 }

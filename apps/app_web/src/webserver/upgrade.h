@@ -2,6 +2,11 @@
 // upgrade application, whose progress replies are followed to the end.
 #pragma once
 
+#include "webserver/msg_exchange.h"
+#include "webserver/outcome.h"
+
+#include <functional>
+
 struct Webs;
 
 constexpr const char UPGRADE_IMAGE_FILE[] = "/tmp/upgrade";
@@ -10,7 +15,10 @@ constexpr const char UPGRADE_IMAGE_FILE[] = "/tmp/upgrade";
 // it), or nullptr when the image could not be stored.
 char *http_upgrade_save_file(Webs *wp);
 
-// Stores the image and exchanges the announcement on the route's socket. Returns the
-// exchange's result (reply text in *out, reason filled on failure), or -1 with *replied set
-// after writing the 550 reply itself.
-int http_upgrade_relay(Webs *wp, char **out, char *reason, int route_socket, const char *receiver, bool *replied);
+// Stores the image and exchanges the announcement on the upgrade application's route; done
+// gets the exchange's outcome, or the written 550 reply when the image could not be stored.
+void http_upgrade_relay(WebsHold hold, Route route, std::function<void(Outcome)> done);
+
+// The "get_upgrade_progress" action: whether an upgrade is under way and the progress the
+// upgrade application last reported, answered at once whatever else runs.
+int actionGetUpgradeProgress(const char *in_json, char **out_json);

@@ -333,9 +333,8 @@ int copyFile(const char *from, const char *to)
 
 void http_upload_image(Webs *wp, const RequestQuery &query)
 {
-    // Nothing is touched before the caller is known.
-    if (!caller_allowed(wp, query))
-        return;
+    // The caller was checked before the picture was taken in (caller_allowed); nothing is
+    // touched before the picture has passed every check.
     if (!query.fileName) {
         HTTP_ERROR("fileName:%s\n", "(null)");
         json_perror(wp, -1, "upload file name cannot be empty");

@@ -21,9 +21,10 @@ int GetPNGWidthHeight(const char *path, int *width, int *height);
 // flushes it to the disk. 0, or -1 after its error lines; a copy cut short is removed.
 int copyFile(const char *from, const char *to);
 
-// The caller check: a live session, or the query's credentials checked against the account
-// store. False after writing the refusal; a refused caller changes nothing.
-bool caller_allowed(Webs *wp, const RequestQuery &query);
+// The caller check, made before any byte of the picture is taken in: a live session (which
+// it refreshes), or user name and password checked against the account store. False after
+// writing the refusal; a refused caller changes nothing.
+bool caller_allowed(Webs *wp, const RequestQuery &q);
 
 // The stored name of an upload: the query's fileName, percent-decoded into name (size bytes,
 // at least WATERMARK_NAME_MAX + 1). 0; -1 when the encoded name is longer than
@@ -37,5 +38,6 @@ int watermark_name(const char *encoded, char *name, size_t size);
 // with its own replies. False for any other content type.
 bool watermark_type_fits(const char *name, const char *content_type, const unsigned char *head, size_t len);
 
-// Runs the whole upload and writes its reply.
+// Runs the rest of the upload once the picture is in (it may wait on the card) and writes
+// its reply.
 void http_upload_image(Webs *wp, const RequestQuery &query);

@@ -27,5 +27,5 @@ for variant in normal sanitize thread; do
     ctest --test-dir "$dir" -j "$jobs" --output-on-failure $tests
 done
 
-echo "== fuzz targets, 3 s each"
-scripts/fuzz.sh 3
+echo "== fuzz targets, 2 s each"
+scripts/fuzz.sh 2

@@ -14,7 +14,7 @@ root=$(pwd)
 
 scripts/bootstrap.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j2 --target webserver
+cmake --build build -j2 --target webserver console
 sim=""
 if [ -f demo/web_root/config/command_para ] && [ -f tools/devicesim/CMakeLists.txt ]; then
     cmake --build build -j2 --target devicesim
@@ -25,6 +25,7 @@ run="$root/demo/run"
 rm -rf "$run"
 mkdir -p "$run/tmp"
 cp -a demo/web_root "$run/web_root"
+cp -a build/console/. "$run/web_root/"  # the pages with their library and gzip copies
 cp -a demo/usr/config/app_parameters "$run/app_parameters"
 
 if ! unshare -Urm true 2>/dev/null; then
@@ -58,7 +59,8 @@ pids=""
 stop() { [ -z "$pids" ] || kill $pids 2>/dev/null || true; }
 trap 'stop; exit 0' INT TERM
 if [ -n "$sim" ]; then
-    "$repo/build/bin/devicesim" /mnt/app/web_root/config/command_para &
+    # The scenario slows the upgrade and the WIFI scan down to a pace a person can watch.
+    "$repo/build/bin/devicesim" /mnt/app/web_root/config/command_para "$repo/demo/devicesim.json" &
     pids="$!"
 fi
 "$repo/build/bin/webserver" 8080 lo &

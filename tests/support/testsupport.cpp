@@ -50,6 +50,22 @@ bool connect_to(int fd, const std::string &host, int port)
     return connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
 }
 
+// With WEB_REPLY_LOG naming a file, each reply to an action is appended to it as one JSON
+// line (target, status, body), which tests/api/check_replies.py checks against docs/api.yaml.
+void log_action_reply(const std::string &url, const HttpReply &reply)
+{
+    const char *log = getenv("WEB_REPLY_LOG");
+    size_t at = url.find("/action/");
+    if (!log || at == std::string::npos)
+        return;
+    CJsonPtr line(cJSON_CreateObject());
+    cJSON_AddStringToObject(line.get(), "url", url.c_str() + at);
+    cJSON_AddNumberToObject(line.get(), "status", static_cast<double>(reply.status));
+    cJSON_AddStringToObject(line.get(), "body", reply.body.c_str());
+    HeapText text(cJSON_PrintUnformatted(line.get()));
+    std::ofstream(log, std::ios::app) << text.get() << '\n';
+}
+
 } // namespace
 
 std::string bin_path(const std::string &name) { return std::string(WEB_BIN_DIR) + "/" + name; }
@@ -370,6 +386,7 @@ HttpReply http(const HttpRequest &req)
         std::transform(name.begin(), name.end(), name.begin(), ::tolower);
         reply.headers[name] = h->value;
     }
+    log_action_reply(req.url, reply);
     return reply;
 }
 

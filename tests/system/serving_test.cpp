@@ -186,4 +186,20 @@ TEST_F(Serving, ACallerWithoutSessionIsRefusedBeforeItsBodyIsSent)
     EXPECT_EQ(0, ts::temp_files());
 }
 
+// A client that sends its body without waiting for a "100 Continue" may still be sending when
+// the refusal comes: the server reads on and drops what follows, so the client gets its
+// answer whole and the rest of its body in, instead of a reset connection.
+TEST_F(Serving, ARefusedClientStillSendingItsBodyGetsTheWholeRefusal)
+{
+    UniqueFd fd = ts::connect_from("127.0.0.1", port);
+    std::string head = "POST /action/device/set_user_param HTTP/1.1\r\nHost: x\r\nContent-Length: 12582912\r\n\r\n";
+    ASSERT_EQ(head.size(), send_all(fd, head));
+    std::string reply;
+    char buf[4096];
+    for (ssize_t n; !reply.ends_with(ts::coded(-16, "Session ID is empty")) && (n = recv(fd.get(), buf, sizeof buf, 0)) > 0;)
+        reply.append(buf, static_cast<size_t>(n));
+    EXPECT_EQ(0u, reply.find("HTTP/1.1 200 OK\r\n")) << reply;
+    EXPECT_EQ(12582912u, send_all(fd, std::string(12582912, 'x'))) << "the rest of the body was refused";
+}
+
 } // namespace

@@ -1,12 +1,17 @@
 // Connection limits that libmicrohttpd does not give: a deadline for each request's line and
 // headers, and room for a newcomer when the server is full. A connection is closed by
 // shutting its socket down; libmicrohttpd then sees the end of it and closes it itself.
+// A connection answered before its body was read lingers after libmicrohttpd closed it.
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
+#include <cerrno>
 #include <list>
+#include <memory>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace webs {
 
@@ -17,6 +22,52 @@ namespace {
 
 // Every open connection, oldest first.
 std::list<Connection> open_connections;
+
+// A closed connection whose client may still be sending a refused body: its input is read
+// and dropped until the client closes its end, kLingerMs pass or kMaxDiscard bytes came, so
+// that the unread bytes do not reset the connection under the refusal.
+struct Lingering {
+    UniqueFd fd;
+    uint64_t dropped = 0;
+    EventLoop::Watch watch;
+    EventLoop::Timer timer;
+};
+std::list<Lingering> lingering;
+
+void stop_lingering(Lingering *l)
+{
+    for (auto it = lingering.begin(); it != lingering.end(); ++it) {
+        if (&*it == l) {
+            it->watch.reset();  // before the descriptor goes
+            lingering.erase(it);
+            return;
+        }
+    }
+}
+
+void linger(int fd)
+{
+    EventLoop *loop = EventLoop::current();
+    if (!loop || lingering.size() >= kMaxLingering)
+        return;
+    UniqueFd copy(dup(fd));  // keeps the socket open once libmicrohttpd closes its descriptor
+    if (!copy)
+        return;
+    Lingering &l = lingering.emplace_back();
+    l.fd = std::move(copy);
+    Lingering *p = &l;
+    l.timer = loop->after(std::chrono::milliseconds(kLingerMs), [p] { stop_lingering(p); });
+    l.watch = loop->watch(l.fd.get(), EPOLLIN | EPOLLRDHUP, [p](uint32_t) {
+        char buf[16 * 1024];
+        ssize_t n;
+        while ((n = recv(p->fd.get(), buf, sizeof buf, MSG_DONTWAIT)) > 0)
+            p->dropped += static_cast<uint64_t>(n);
+        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR) || p->dropped > kMaxDiscard)
+            stop_lingering(p);
+    });
+    if (!l.watch)
+        stop_lingering(p);
+}
 
 void evict(Connection &c)
 {
@@ -46,6 +97,8 @@ void connection_notify(void *, MHD_Connection *connection, void **socket_context
 {
     if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
         auto *c = static_cast<Connection *>(*socket_context);
+        if (c && c->linger && !c->evicted)
+            linger(c->fd);
         for (auto it = open_connections.begin(); it != open_connections.end(); ++it) {
             if (&*it == c) {
                 open_connections.erase(it);

@@ -208,6 +208,7 @@ struct Connection {
     std::chrono::steady_clock::time_point since;
     bool in_request = false;  // a request's headers are in and it is not complete yet
     bool evicted = false;     // shut down by the layer; libmicrohttpd closes it next
+    bool linger = false;      // answered before its body was read: drained after the close
 };
 // libmicrohttpd's MHD_OPTION_NOTIFY_CONNECTION callback: keeps the record in *socket_context
 // and makes room when the server is full.

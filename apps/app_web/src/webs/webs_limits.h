@@ -60,6 +60,13 @@ constexpr int kMaxLoopWaitMs = 250;
 // be accepted (libmicrohttpd takes ten per turn) instead of having its SYNs dropped and
 // retried a second later.
 constexpr int kListenBacklog = 256;
+// A client refused before its body was read may still be sending it; closing the socket on
+// unread bytes would reset the connection and could destroy the refusal before the client
+// reads it. Such a connection is kept this long after libmicrohttpd closes it, its input read
+// and dropped, until the client closes its end.
+constexpr unsigned kLingerMs = 2000;
+// Connections kept so at once; beyond that a refused connection is closed at once.
+constexpr unsigned kMaxLingering = 32;
 // Memory of libmicrohttpd's multipart parser: the part headers of an upload fit in it.
 constexpr size_t kPostProcessorBuffer = 16 * 1024;
 

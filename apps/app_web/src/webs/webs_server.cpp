@@ -186,11 +186,26 @@ void answer_abandoned(WebsPrivate *r)
 // Whether the action side still has something to do for the request.
 bool awaited(const WebsPrivate *r) { return r->holds.load(std::memory_order_acquire) > 0; }
 
+// A request answered before its body was read: libmicrohttpd closes the connection after
+// the reply, and the connection lingers so that the rest of the body cannot reset it.
+void mark_body_unread(WebsPrivate *r)
+{
+    if (!r->conn)
+        return;
+    const char *length = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    bool body = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_TRANSFER_ENCODING) ||
+                (length && strcmp(length, "0") != 0);
+    if (body)
+        r->conn->linger = true;
+}
+
 // What happens once a procedure or a continuation has returned.
 MHD_Result after_action(WebsPrivate *r)
 {
     if (r->gone)
         return MHD_NO;
+    if (r->state == RequestState::Deciding && (r->done.load(std::memory_order_acquire) || !awaited(r)))
+        mark_body_unread(r);
     if (r->done.load(std::memory_order_acquire)) {
         r->state = RequestState::Answered;
         return queue_action_reply(r);
@@ -200,6 +215,7 @@ MHD_Result after_action(WebsPrivate *r)
         // a client asked for only from here on).
         r->state = RequestState::Receiving;
         if (int status = request_begin_body(r)) {
+            mark_body_unread(r);
             refuse(r, status, body_refusal_text(status));
             return send_refusal(r);
         }
@@ -264,6 +280,7 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
     if (name.empty() || it == srv.actions.end())
         return refuse(r, MHD_HTTP_NOT_FOUND, "No such action");
     if (srv.closing) {
+        mark_body_unread(r);
         refuse(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
         return send_refusal(r);
     }

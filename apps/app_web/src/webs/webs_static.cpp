@@ -2,6 +2,11 @@
 // extension, one byte range per request, Last-Modified / If-Modified-Since. Large files go
 // out with sendfile through libmicrohttpd's file responses; small ones are read into memory.
 //
+// Precompressed documents: "NAME.gz" beside NAME is sent, with Content-Encoding: gzip and
+// NAME's type, to clients that accept gzip; a device may keep only the compressed copy, which
+// clients without gzip then cannot get (404). Ranges, HEAD and If-Modified-Since apply to the
+// file sent, as for any other document.
+//
 // The path has already been decoded and checked for NUL bytes, backslashes and dot segments
 // (webs_server.cpp). A path without symbolic links is opened beneath the root in one step;
 // one with links is resolved with realpath and must stay inside the resolved document root.
@@ -155,32 +160,15 @@ bool inside_root(const std::string &resolved, const std::string &root)
            resolved[root.size()] == '/';
 }
 
-// The real path of a document inside the root, or "" when it has none there.
-std::string resolve(const DocumentConfig &cfg, std::string_view path)
+// The real path of relative (a name below the root) when it lies inside the root, else "".
+std::string resolve(const DocumentConfig &cfg, const std::string &relative)
 {
     char real[PATH_MAX];
-    // A directory stands for its index page, which must resolve inside the root as well.
-    auto to_index = [&](std::string &dir) {
-        dir += '/';
-        dir += cfg.index;
-        if (!realpath(dir.c_str(), real))
-            return false;
-        dir = real;
-        return inside_root(dir, cfg.root);
-    };
-    std::string candidate = cfg.root;
-    candidate.append(path);
-    if (candidate.back() == '/')
-        candidate += cfg.index;
+    std::string candidate = cfg.root + "/" + relative;
     if (!realpath(candidate.c_str(), real))
         return {};
     std::string resolved(real);
-    if (resolved == cfg.root ? !to_index(resolved) : !inside_root(resolved, cfg.root))
-        return {};
-    struct stat st;
-    if (stat(resolved.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && !to_index(resolved))
-        return {};
-    return resolved;
+    return inside_root(resolved, cfg.root) ? resolved : std::string();
 }
 
 // Opens path below the root with no symbolic link anywhere on the way, the kernel keeping
@@ -194,44 +182,117 @@ int open_beneath(int root_fd, const char *relative)
     return static_cast<int>(syscall(SYS_openat2, root_fd, relative, &how, sizeof how));
 }
 
-// Opens the regular file that path names inside the root, the index page for the root and
-// for directories; fills its real path and status. Links are resolved with realpath and
-// must stay inside the root.
-UniqueFd open_document(const DocumentConfig &cfg, std::string_view path, std::string *resolved, struct stat *st)
+// One file that may answer a request: its name below the root, and once opened its real
+// path and status.
+struct Document {
+    std::string relative;  // no leading '/'
+    std::string resolved;
+    struct stat st {};
+    UniqueFd fd;
+};
+
+// Opens the regular file that doc->relative names inside the root. With folder_index, a
+// folder (the root included) stands for its index page, and doc->relative becomes that
+// page's name whether or not it exists. Links are resolved with realpath and must stay
+// inside the root.
+bool open_document(const DocumentConfig &cfg, Document *doc, bool folder_index)
 {
-    std::string relative(path.substr(1));
-    if (relative.empty() || relative.back() == '/')
+    std::string &relative = doc->relative;
+    if (folder_index && (relative.empty() || relative.back() == '/'))
         relative += cfg.index;
     bool slow = cfg.root_fd < 0;
     for (int turn = 0; turn < 2 && !slow; ++turn) {
         UniqueFd fd(open_beneath(cfg.root_fd, relative.c_str()));
         if (!fd) {
             if (errno == ENOENT || errno == ENOTDIR)
-                return {};
+                return false;
             slow = true;
             break;
         }
-        if (fstat(fd.get(), st) != 0)
-            return {};
-        if (S_ISDIR(st->st_mode) && turn == 0) {
+        if (fstat(fd.get(), &doc->st) != 0)
+            return false;
+        if (S_ISDIR(doc->st.st_mode) && folder_index && turn == 0) {
             relative += '/';
             relative += cfg.index;
             continue;
         }
-        if (!S_ISREG(st->st_mode))
-            return {};
-        *resolved = cfg.root + "/" + relative;
-        return fd;
+        if (!S_ISREG(doc->st.st_mode))
+            return false;
+        doc->resolved = cfg.root + "/" + relative;
+        doc->fd = std::move(fd);
+        return true;
     }
     if (!slow)
-        return {};
-    *resolved = resolve(cfg, path);
-    if (resolved->empty())
-        return {};
-    UniqueFd fd(open(resolved->c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!fd || fstat(fd.get(), st) != 0 || !S_ISREG(st->st_mode))
-        return {};
-    return fd;
+        return false;
+    struct stat folder;
+    if (folder_index && stat((cfg.root + "/" + relative).c_str(), &folder) == 0 && S_ISDIR(folder.st_mode))
+        relative += "/" + cfg.index;
+    doc->resolved = resolve(cfg, relative);
+    if (doc->resolved.empty())
+        return false;
+    UniqueFd fd(open(doc->resolved.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd || fstat(fd.get(), &doc->st) != 0 || !S_ISREG(doc->st.st_mode))
+        return false;
+    doc->fd = std::move(fd);
+    return true;
+}
+
+// Whether the file lies where the route file lets it be fetched with this method: a link
+// from a public folder into a private one serves nothing.
+bool fetchable(const DocumentConfig &cfg, const Document &doc, const char *method)
+{
+    const Route *route = match_route(*cfg.routes, std::string_view(doc.resolved).substr(cfg.root.size()));
+    return route && route->handler == Handler::File && route_allows(*route, method);
+}
+
+std::string_view trim(std::string_view s)
+{
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+        s.remove_prefix(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
+        s.remove_suffix(1);
+    return s;
+}
+
+// The weight of an Accept-Encoding item's parameters (";q=0.5"): 0 for a zero weight, else 1.
+int weight_of(std::string_view params)
+{
+    for (size_t at = 0; at < params.size();) {
+        size_t end = std::min(params.find(';', at), params.size());
+        std::string_view p = trim(params.substr(at, end - at));
+        if (p.size() >= 2 && (p[0] == 'q' || p[0] == 'Q') && p[1] == '=') {
+            std::string_view v = trim(p.substr(2));
+            return !v.empty() && v[0] == '0' && v.find_first_not_of(".0", 1) == std::string_view::npos ? 0 : 1;
+        }
+        at = end + 1;
+    }
+    return 1;
+}
+
+// Whether an Accept-Encoding value admits gzip: "gzip" (or its old alias "x-gzip") listed
+// with a weight above zero, or else "*" with one.
+bool accepts_gzip(const char *header)
+{
+    if (!header)
+        return false;
+    int named = -1, any = -1;  // -1 not listed, 0 refused, 1 accepted
+    std::string_view list(header);
+    for (size_t at = 0; at <= list.size();) {
+        size_t end = std::min(list.find(',', at), list.size());
+        std::string_view item = list.substr(at, end - at);
+        size_t semi = std::min(item.find(';'), item.size());
+        std::string_view coding = trim(item.substr(0, semi));
+        int weight = weight_of(item.substr(semi));
+        auto is = [coding](std::string_view name) {
+            return coding.size() == name.size() && strncasecmp(coding.data(), name.data(), name.size()) == 0;
+        };
+        if (is("gzip") || is("x-gzip"))
+            named = std::max(named, weight);
+        else if (is("*"))
+            any = std::max(any, weight);
+        at = end + 1;
+    }
+    return named >= 0 ? named == 1 : any == 1;
 }
 
 MHD_Response *file_response(UniqueFd fd, uint64_t offset, uint64_t length, bool head)
@@ -269,19 +330,33 @@ const char *mime_type(std::string_view path)
 MHD_Result serve_document(MHD_Connection *connection, const char *method, std::string_view path)
 {
     const DocumentConfig &cfg = document_config();
-    std::string resolved;
-    struct stat st;
-    UniqueFd fd = open_document(cfg, path, &resolved, &st);
-    // The file must lie where the route file allows fetching it: a link from a public folder
-    // into a private one serves nothing.
-    const Route *route =
-        fd ? match_route(*cfg.routes, std::string_view(resolved).substr(cfg.root.size())) : nullptr;
-    if (!route || route->handler != Handler::File || !route_allows(*route, method))
+    Document plain, packed;
+    plain.relative = path.substr(1);
+    bool has_plain = open_document(cfg, &plain, true) && fetchable(cfg, plain, method);
+    packed.relative = plain.relative + ".gz";
+    bool gzip = accepts_gzip(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT_ENCODING));
+    bool has_packed = false;
+    if (gzip)
+        has_packed = open_document(cfg, &packed, false) && fetchable(cfg, packed, method);
+    else if (has_plain)  // only for the Vary header: whether another client would get the other file
+        has_packed = cfg.root_fd >= 0 && faccessat(cfg.root_fd, packed.relative.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    bool send_packed = gzip && has_packed;
+    if (!send_packed && !has_plain)
         return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
+    Document &doc = send_packed ? packed : plain;
+    const std::string &resolved = doc.resolved;
+    const struct stat &st = doc.st;
+    UniqueFd fd = std::move(doc.fd);
+    // Once NAME.gz exists, every answer about NAME depends on Accept-Encoding.
+    auto add_vary = [has_packed](MHD_Response *response) {
+        if (has_packed)
+            MHD_add_response_header(response, MHD_HTTP_HEADER_VARY, MHD_HTTP_HEADER_ACCEPT_ENCODING);
+    };
 
     uint64_t size = static_cast<uint64_t>(st.st_size);
     std::string modified = http_date(st.st_mtime);
-    const char *type = mime_type(resolved);
+    // NAME's type (a link's target names it), also for NAME.gz.
+    const char *type = mime_type(has_plain ? plain.resolved : plain.relative);
     if (std::string_view(resolved).substr(cfg.root.size()).starts_with(kPictureFolder) &&
         std::find(std::begin(kPictureTypes), std::end(kPictureTypes), type) == std::end(kPictureTypes))
         return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
@@ -292,6 +367,7 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
         if (!response)
             return MHD_NO;
         MHD_add_response_header(response, MHD_HTTP_HEADER_LAST_MODIFIED, modified.c_str());
+        add_vary(response);
         return queue_response(connection, MHD_HTTP_NOT_MODIFIED, response);
     }
 
@@ -304,6 +380,7 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
         std::string all = "bytes */" + std::to_string(size);
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, all.c_str());
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain; charset=utf-8");
+        add_vary(response);
         return queue_response(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response);
     }
     bool part = range.kind == RangeKind::Part;
@@ -317,6 +394,9 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
     MHD_add_response_header(response, MHD_HTTP_HEADER_LAST_MODIFIED, modified.c_str());
     MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
+    add_vary(response);
+    if (send_packed)
+        MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip");
     if (part) {
         std::string value = "bytes " + std::to_string(range.first) + "-" + std::to_string(range.last) + "/" +
                             std::to_string(size);

@@ -84,6 +84,10 @@ constexpr Document kDocuments[] = {
     {"/page16k.bin", 16384},
     {"/page16k1.bin", 16385},
     {"/big.bin", 70000},
+    {"/page.txt", 1234},  // with a precompressed copy (its bytes need be no gzip: nothing unpacks them)
+    {"/page.txt.gz", 4321},
+    {"/only.js.gz", 2222},  // a precompressed copy alone
+    {"/page2.txt", 1235},   // whose copy is a link out of the root
     {"/images/watermark/logo.png", 2048},
     {"/sd/recodefilelist.txt", 7},
     {"/sd/20240501/080000.mp4", 3000},
@@ -98,12 +102,14 @@ constexpr std::pair<const char *, const char *> kSecrets[] = {
     {"/mnt/outside/secret.txt", "CANARY-OUTSIDE"},
     {"/mnt/outside/page.html", "CANARY-OUTSIDE-PAGE"},
     {"/mnt/app/web_root/images/watermark/x.html", "CANARY-PICTURE-FOLDER"},
+    {"/mnt/app/web_root/images/watermark/y.html.gz", "CANARY-PICTURE-FOLDER-GZ"},
 };
 
 // Links out of the root, into its private folder and into the picture folder.
 constexpr std::pair<const char *, const char *> kLinks[] = {
     {"/mnt/app/web_root/escape", "/mnt/outside"},
     {"/mnt/app/web_root/secret.txt", "/mnt/outside/secret.txt"},
+    {"/mnt/app/web_root/page2.txt.gz", "/mnt/outside/secret.txt"},
     {"/mnt/app/web_root/cfg", "config"},
     {"/mnt/app/web_root/pics", "images/watermark"},
     {"/mnt/app/web_root/loop", "loop"},

@@ -1,10 +1,11 @@
 // Static documents end to end: a GET or HEAD of any path, with any Range and
-// If-Modified-Since, through the real web server, on a tree with links out of the document
-// root, into its private folder and into the picture folder. Nothing private is ever served,
-// and every document byte that is served is the right one.
+// If-Modified-Since, with or without gzip accepted, through the real web server, on a tree
+// with links out of the document root, into its private folder and into the picture folder,
+// and precompressed copies. Nothing private is ever served, and every document byte that is
+// served is the right one.
 //
-// Input: a flags byte, then "\n"-separated: the path, the Range value, the If-Modified-Since
-// value (each header left out when empty).
+// Input: a flags byte (1: HEAD, 2: gzip accepted), then "\n"-separated: the path, the Range
+// value, the If-Modified-Since value (each header left out when empty).
 #include "fuzz_target.h"
 #include "support/device.h"
 
@@ -34,6 +35,8 @@ void run(const uint8_t *data, size_t size)
     if (fuzzdev::dropped_by_the_library(target))
         return;
     std::string request = std::string(head ? "HEAD " : "GET ") + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+    if (data[0] & 2)
+        request += "Accept-Encoding: gzip\r\n";
     if (!range.empty())
         request += "Range: " + std::string(range) + "\r\n";
     if (!since.empty())

@@ -7,7 +7,8 @@ set -eu
 packages="build-essential cmake pkg-config libmicrohttpd-dev libcjson-dev libnanomsg-dev
           libgtest-dev libcurl4-openssl-dev curl net-tools iproute2 util-linux procps
           gzip node-blueimp-md5 chromium chromium-driver python3-selenium python3-jsonschema python3-yaml
-          crossbuild-essential-armhf qemu-user dpkg-dev"
+          crossbuild-essential-armhf qemu-user dpkg-dev
+          clang libclang-rt-14-dev"
 if [ "${1:-}" = "bench" ]; then
     packages="$packages wrk nginx-light valgrind"
 fi

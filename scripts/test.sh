@@ -3,7 +3,7 @@
 # normal build and in an AddressSanitizer + UndefinedBehaviorSanitizer build that stops at the
 # first report, the system tests (the real server's threads at work) in a ThreadSanitizer
 # build, and every test built for 32-bit ARM (armhf) under qemu-user, so that 32-bit faults
-# show.
+# show. Then every fuzz target runs for a few seconds (scripts/fuzz.sh runs them longer).
 set -eu
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
@@ -29,3 +29,6 @@ done
 
 echo "== armhf build and tests under emulation"
 scripts/cross.sh armhf test
+
+echo "== fuzz targets, 2 s each"
+scripts/fuzz.sh 2

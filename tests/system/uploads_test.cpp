@@ -39,22 +39,24 @@ std::string jpeg(size_t size = 4096)
     return padded(std::string("\xff\xd8\xff\xc0\x00\x11\x08\x0b\xb8\x0f\xa0", 11), size, 'U');
 }
 
-// Names in the watermark directory, hidden ones left out (the shell's "*" leaves them too).
+// Names in the watermark directory, hidden ones included (a new image is written under one).
 std::set<std::string> watermark_files()
 {
     std::set<std::string> names;
     std::error_code ec;
     for (const auto &e : std::filesystem::directory_iterator(kWatermark, ec))
-        if (e.path().filename().string()[0] != '.')
-            names.insert(e.path().filename().string());
+        names.insert(e.path().filename().string());
     return names;
 }
 
-// Earlier images and a stray file, all of which any upload request must clear away.
+// Earlier images and stray files: a stored upload replaces them all, any other request
+// leaves them as they are.
+const std::set<std::string> kOldImages = {"old.png", "older.jpg", "notes.txt", ".hidden"};
 void plant_old_images()
 {
+    ts::remove_tree(kWatermark);
     ts::make_dirs(kWatermark, 0700);
-    for (const char *name : {"old.png", "older.jpg", "notes.txt"})
+    for (const std::string &name : kOldImages)
         ts::write_file(kWatermark + name, "old");
 }
 
@@ -77,7 +79,8 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
 {
     std::string sid = dev->login();
     const std::string ok = ts::plain_ok(), sizes = coded(-1, "Upload files up to size  MAX:1M  MIN:1K"),
-                      bad_name = coded(-1, "Invalid upload file name"), name254 = std::string(250, 'n') + ".jpg";
+                      bad_name = coded(-1, "Invalid upload file name"), name254 = std::string(250, 'n') + ".jpg",
+                      bad_type = coded(-1, "Invalid upload file type, Only support: .jpg .png .bmp");
     auto too_large = [](const std::string &current) {
         return coded(-1, "Upload file failed! MAX picture[1920x1080],Current picture[" + current + "] \n");
     };
@@ -108,23 +111,33 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
         {jpeg(), "image/jpeg", "a%2fb.png", bad_name, ""},
         {jpeg(), "image/jpeg", "a%00.png.txt", bad_name, ""},
         {jpeg(), "image/jpeg", "", coded(-1, "upload file name cannot be empty"), ""},
+        // The name decides the type it is served with: it must fit the type, and the
+        // content must start like its format.
+        {jpeg(), "image/jpeg", "x.html", bad_type, ""},
+        {jpeg(), "image/jpeg", "x.svg", bad_type, ""},
+        {png(640, 480), "image/jpeg", "x.jpg", bad_type, ""},
+        {png(640, 480), "image/png", "x.bmp", bad_type, ""},
+        {padded("MB", 4096, 0), "image/bmp", "x.bmp", bad_type, ""},
+        {jpeg(), "image/jpeg", "UPPER.JPG", ok, "UPPER.JPG"},
     };
     for (const auto &c : cases) {
         plant_old_images();
         std::string query = "sessionid=" + sid + (c.file_name.empty() ? "" : "&fileName=" + c.file_name);
         EXPECT_EQ(c.reply, upload(query, c.picture, c.type).body) << c.file_name;
-        std::set<std::string> stored = c.stored.empty() ? std::set<std::string>{} : std::set<std::string>{c.stored};
-        EXPECT_EQ(stored, watermark_files()) << c.file_name;
+        EXPECT_EQ(c.stored.empty() ? kOldImages : std::set<std::string>{c.stored}, watermark_files()) << c.file_name;
         EXPECT_TRUE(c.stored.empty() || ts::read_file(kWatermark + c.stored) == c.picture) << c.file_name;
+        EXPECT_TRUE(!c.stored.empty() || ts::read_file(kWatermark + "old.png") == "old") << c.file_name;
     }
     EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/x.png"));
     EXPECT_FALSE(ts::exists(kWatermark + "a"));
 
-    // A copy cut short by a full card answers the failure and leaves no partial image.
-    ASSERT_EQ(0, ts::run({"/bin/mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", kWatermark}));
+    // A copy cut short by a full card answers the failure and keeps the old watermark whole.
+    ASSERT_EQ(0, ts::run({"/bin/mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", kWatermark}));
+    ts::write_file(kWatermark + "old.png", "old");
     EXPECT_EQ(coded(-1, "Upload file failed"),
               upload("sessionid=" + sid + "&fileName=full.jpg", jpeg(64 * 1024), "image/jpeg").body);
-    EXPECT_EQ(std::set<std::string>{}, watermark_files());
+    EXPECT_EQ(std::set<std::string>{"old.png"}, watermark_files());
+    EXPECT_EQ("old", ts::read_file(kWatermark + "old.png"));
     ASSERT_EQ(0, ts::run({"/bin/umount", kWatermark}));
 
     // A missing directory is made, for its owner only.
@@ -134,7 +147,7 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
     EXPECT_EQ(std::set<std::string>{"new.jpg"}, watermark_files());
 }
 
-TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndARefusedCallerChangesNothing)
+TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndARefusedRequestChangesNothing)
 {
     const std::string digest = ts::kAdminDigest, refused = coded(-1, "Invalid username or password");
     std::string upper = digest;
@@ -148,18 +161,16 @@ TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndARefusedCallerChange
         {"username=nobody&password=" + digest + "&", refused},
     };
     for (const auto &[caller, reply] : callers) {
-        ts::remove_tree(kWatermark);
         plant_old_images();
         EXPECT_EQ(reply, upload(caller + "fileName=new.png", png(800, 600), "image/png").body) << caller;
-        const std::set<std::string> untouched = {"notes.txt", "old.png", "older.jpg"};
-        EXPECT_EQ(reply == ts::plain_ok() ? std::set<std::string>{"new.png"} : untouched, watermark_files())
+        EXPECT_EQ(reply == ts::plain_ok() ? std::set<std::string>{"new.png"} : kOldImages, watermark_files())
             << caller;
     }
     // A request that carries no file part.
     plant_old_images();
     EXPECT_EQ(coded(-1, "Upload file failed"),
               dev->call("upload_Image", "sessionid=" + dev->login() + "&fileName=new.png", png(800, 600)).body);
-    EXPECT_EQ(std::set<std::string>{}, watermark_files());
+    EXPECT_EQ(kOldImages, watermark_files());
 }
 
 constexpr char kImage[] = "/tmp/upgrade";

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -115,6 +116,39 @@ TEST_F(CfgFile, KilledWriterNeverLeavesATornRecord)
     std::string names;  // the next write clears a killed writer's leftover
     ts::run({"/bin/ls", "-A", kDir}, &names);
     EXPECT_EQ("record\n", names);
+}
+
+mode_t mode_of(const std::string &path)
+{
+    struct stat st {};
+    stat(path.c_str(), &st);
+    return st.st_mode & 07777;
+}
+
+// A rename puts a new inode in place: the writers must carry the old file's mode over, or
+// the account digests become readable by everyone.
+TEST_F(CfgFile, RewrittenFilesKeepTheirModeAndNewFilesGetTheirOwn)
+{
+    const std::string text = kDir + "/text.json";
+    mode_t saved = umask(0);
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), "r", 1));
+    ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{}"));
+    EXPECT_EQ(0664u, mode_of(kRecord));
+    EXPECT_EQ(0666u, mode_of(text));
+    umask(077);  // the umask shapes new files only
+    for (mode_t mode : {0600u, 0640u, 0444u, 0707u}) {
+        chmod(kRecord.c_str(), mode);
+        chmod(text.c_str(), mode);
+        ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), "rr", 2));
+        ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{ }"));
+        EXPECT_EQ(mode, mode_of(kRecord));
+        EXPECT_EQ(mode, mode_of(text));
+        EXPECT_EQ("rr", ts::read_file(kRecord));
+    }
+    ts::remove_tree(text);
+    ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{}"));
+    EXPECT_EQ(0600u, mode_of(text));
+    umask(saved);
 }
 
 TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)

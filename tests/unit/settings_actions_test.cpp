@@ -6,7 +6,9 @@
 #include "actions/language_format.h"
 #include "actions/port_actions.h"
 #include "actions/reboot_action.h"
+#include "actions/user_actions.h"
 #include "common/owners.h"
+#include "usermanagement/usermgnt.h"
 #include "testsupport.h"
 
 #include <arpa/inet.h>
@@ -15,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <sstream>
+#include <sys/stat.h>
 
 namespace {
 
@@ -142,6 +145,48 @@ TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
         EXPECT_EQ(ts::fail("Failed to get params"), status(port)) << port;
 }
 
+// Every action that rewrites a settings file leaves its mode as the installer set it: the
+// account file of a device is 0600, for it holds the password digests.
+TEST_F(SettingsActions, RewritingActionsKeepAPrivateFilePrivate)
+{
+    const std::string account_body = std::string(R"({"operation":0,"user_name":"op","password":")") +
+                                     ts::kAdminDigest + "\"}";
+    const struct {
+        const char *file;
+        std::string before;
+        std::function<ts::Outcome()> action;
+    } cases[] = {
+        {WEB_PORT_FILE, R"({"Port":80})",
+         [] {
+             int port = 80;
+             return ts::call([&](char **out) { return actionSetPortParam(R"({"Port":8081})", out, &port); });
+         }},
+        {WEB_PORT_FILE, "",  // an empty port file is rewritten with the default by the get
+         [] {
+             int port = 80;
+             return ts::call([&](char **out) { return actionGetPortParam(nullptr, out, &port); });
+         }},
+        {WEB_LANGUAGE_FILE, language_record("chinese", 0),
+         [] { return ts::call(actionSetLanguageFormat, R"({"language":"english","mode":1})"); }},
+        {USERMGNT_PARA_FILE, "", [&] { return ts::call(actionSetUserParam, account_body.c_str()); }},
+    };
+    mode_t saved = umask(0);
+    for (const auto &c : cases) {
+        ts::write_file(c.file, c.before, 0600);
+        if (c.file == std::string(USERMGNT_PARA_FILE)) {  // the store's own default, then an added account
+            ASSERT_EQ(0, ts::call(actionGetUserParam, nullptr).rc);
+        }
+        std::string before = ts::read_file(c.file);
+        ts::Outcome o = c.action();
+        EXPECT_EQ(0, o.rc) << c.file << o.err;
+        EXPECT_NE(before, ts::read_file(c.file)) << c.file;
+        struct stat st {};
+        ASSERT_EQ(0, stat(c.file, &st));
+        EXPECT_EQ(0600u, st.st_mode & 07777) << c.file;
+    }
+    umask(saved);
+}
+
 // A body for 2023-12-31 23:59:58 with members replaced.
 std::string clock_body(const std::map<std::string, int> &changes)
 {
@@ -234,6 +279,11 @@ TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessIt
     }
     ts::remove_tree(kCapFile);
     EXPECT_EQ(ts::fail("Failed to get params"), get_cap(kCapFile.c_str()).reply);
+    // A routing line without a file gives an empty path: a path that yields no file, not a bad call.
+    ts::Outcome empty = get_cap("");
+    EXPECT_EQ(ts::fail("Failed to get params"), empty.reply);
+    EXPECT_EQ(-1, empty.rc);
+    EXPECT_NE(std::string::npos, empty.out.find("open  failed use default para\n")) << empty.out;
     EXPECT_EQ(ts::fail("Invalid input params"), get_cap(nullptr).reply);
 }
 

@@ -11,7 +11,9 @@ int actionGetDeviceCap(const char *cap_path, const char * /*in_json*/, char **ou
 {
     if (!out_json)
         return -2;
-    if (!cap_path || !*cap_path) {
+    // Only a missing path is a bad call; an empty one (a routing line without a file) is
+    // a path that yields no file.
+    if (!cap_path) {
         HTTP_ERROR("Invalid input params\n");
         formatFailCallJSON(out_json, "Invalid input params");
         return -1;

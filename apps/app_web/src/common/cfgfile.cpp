@@ -16,9 +16,12 @@ std::mutex mutex_common;
 
 namespace {
 
-// Permission bits of new files before the process umask.
+// Permission bits of new files before the process umask. A file that exists keeps its own.
 constexpr mode_t kRecordMode = 0664;
 constexpr mode_t kTextMode = 0666;
+// The replacement of an existing file is readable by its owner only until it carries the
+// old file's mode: the account file holds password digests.
+constexpr mode_t kPrivateMode = 0600;
 
 enum class ReplaceStep { Done, Open, Write };
 
@@ -46,18 +49,35 @@ void sync_parent_dir(const char *target)
         fsync(fd.get());
 }
 
-// Writes data as the new content of target, or leaves target untouched. On failure errno
+// Gives the new file the owner and permission bits of the file it replaces (a rename would
+// otherwise leave the new file's own). False with errno set when the owner cannot be kept:
+// then the old file stays rather than one that others may read or the owner may not.
+bool keep_identity(int fd, const struct stat &old)
+{
+    struct stat now;
+    if (fstat(fd, &now) != 0)
+        return false;
+    // fchown clears set-id bits, so the mode is set after it.
+    if ((now.st_uid != old.st_uid || now.st_gid != old.st_gid) && fchown(fd, old.st_uid, old.st_gid) != 0)
+        return false;
+    return fchmod(fd, old.st_mode & 07777) == 0;
+}
+
+// Writes data as the new content of target, or leaves target untouched. A rewritten file
+// keeps its mode and owner; a new one gets mode (before the umask). On failure errno
 // describes the failed step and no temporary file remains. Caller holds mutex_common.
 ReplaceStep replace_file(const char *target, const void *data, size_t len, mode_t mode)
 {
+    struct stat old;
+    bool rewrite = stat(target, &old) == 0 && S_ISREG(old.st_mode);
     std::string temp = temp_path_for(target);
     unlink(temp.c_str());
-    UniqueFd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+    UniqueFd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, rewrite ? kPrivateMode : mode));
     if (!fd)
         return ReplaceStep::Open;
 
-    bool ok = true;
-    if (len > 0) {
+    bool ok = !rewrite || keep_identity(fd.get(), old);
+    if (ok && len > 0) {
         ssize_t n = write(fd.get(), data, len);
         if (n <= 0 || static_cast<size_t>(n) != len) {
             if (n >= 0)

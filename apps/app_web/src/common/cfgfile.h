@@ -4,7 +4,9 @@
 // through http_get_datafile / http_set_jsoncfgfile / http_get_jsoncfgfile. Every single
 // file access holds mutex_common. Writers replace the target atomically: the new content
 // goes into a temporary file beside it, is flushed to disk and renamed over the target, so
-// a crash or power cut leaves either the old or the new file, never a torn one.
+// a crash or power cut leaves either the old or the new file, never a torn one. A rewritten
+// file keeps its mode and owner; a new one is created 0664 (records) or 0666 (texts) before
+// the umask.
 #pragma once
 
 #include <cstddef>

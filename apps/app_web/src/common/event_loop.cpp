@@ -152,7 +152,10 @@ void EventLoop::run_once(int max_wait_ms)
     epoll_event events[kEventsPerWait];
     int n = ok() ? epoll_wait(epoll_.get(), events, kEventsPerWait, wait_ms(max_wait_ms)) : 0;
     for (int i = 0; i < n; ++i) {
-        if (events[i].data.u64 == kWakeId) {
+        // Copied out: x86-64 packs epoll_event, and a reference to its 64-bit member (map's
+        // find takes one) would be misaligned.
+        uint64_t id = events[i].data.u64;
+        if (id == kWakeId) {
             uint64_t count = 0;
             ssize_t got = read(wake_.get(), &count, sizeof count);
             (void)got;  // nothing to read: an earlier turn took the wake-up
@@ -160,7 +163,7 @@ void EventLoop::run_once(int max_wait_ms)
             wake_pending_ = false;
             continue;
         }
-        auto it = watches_.find(events[i].data.u64);
+        auto it = watches_.find(id);
         if (it == watches_.end())
             continue;  // dropped by an earlier callback of this turn
         std::shared_ptr<WatchEntry> entry = it->second;  // the callback may drop its own watch

@@ -17,6 +17,24 @@ namespace {
 constexpr char kJsonType[] = "application/json; charset=utf-8";
 constexpr char kHtmlType[] = "text/html; charset=utf-8";
 
+struct SecurityHeader {
+    const char *name;
+    const char *value;
+};
+
+// Headers every reply carries (libmicrohttpd's own error pages excepted: it offers no way
+// to add headers to them).
+constexpr SecurityHeader kSecurityHeaders[] = {
+    // A reply is taken as the type it declares, never sniffed into a page.
+    {MHD_HTTP_HEADER_X_CONTENT_TYPE_OPTIONS, "nosniff"},
+    // No page of the device may be framed by another site (clicks taken from a user
+    // who sees another page): the old header and the one current browsers read.
+    {"X-Frame-Options", "DENY"},
+    {"Content-Security-Policy", "frame-ancestors 'none'"},
+    // Session ids travel in URLs; they must not reach another site in a Referer.
+    {"Referrer-Policy", "no-referrer"},
+};
+
 bool reply_open(const Webs *wp) { return wp && wp->priv && !wp->priv->done.load(std::memory_order_acquire); }
 
 // Appends len bytes to the reply body; false once the reply would exceed kMaxReply.
@@ -95,7 +113,8 @@ MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Respo
 {
     if (!response)
         return MHD_NO;
-    MHD_add_response_header(response, MHD_HTTP_HEADER_X_CONTENT_TYPE_OPTIONS, "nosniff");
+    for (const SecurityHeader &h : kSecurityHeaders)
+        MHD_add_response_header(response, h.name, h.value);
     // The lines the request wrote come out before its reply can reach the client, who may
     // read the log as soon as it has the answer.
     log_flush();
@@ -139,15 +158,17 @@ MHD_Result queue_action_reply(WebsPrivate *r)
     }
     if (!response)
         return MHD_NO;
-    bool typed = false;
+    bool typed = false, cached = false;
     for (auto &h : b.headers) {
         MHD_add_response_header(response, h.first.c_str(), h.second.c_str());
         typed = typed || strcasecmp(h.first.c_str(), MHD_HTTP_HEADER_CONTENT_TYPE) == 0;
+        cached = cached || strcasecmp(h.first.c_str(), MHD_HTTP_HEADER_CACHE_CONTROL) == 0;
     }
-    if (!typed) {
+    if (!typed)
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, kJsonType);
+    // An action's answer is about this moment and may hold a session id: never kept.
+    if (!cached)
         MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
-    }
     return queue_response(r->connection, static_cast<unsigned>(b.status), response);
 }
 

@@ -168,6 +168,7 @@ MHD_Result post_iterator(void *cls, MHD_ValueKind, const char *key, const char *
     if (!r->upload.active()) {
         if (!r->upload.create("webs-upload")) {
             HTTP_ERROR("cannot create upload file: %s\n", strerror(errno));
+            r->refusal = MHD_HTTP_INTERNAL_SERVER_ERROR;  // our fault, not the body's
             return MHD_NO;
         }
         r->upload_key = k;
@@ -176,6 +177,7 @@ MHD_Result post_iterator(void *cls, MHD_ValueKind, const char *key, const char *
     }
     if (size > 0 && !r->upload.append(data, size)) {
         HTTP_ERROR("cannot write upload file %s: %s\n", r->upload.path().c_str(), strerror(errno));
+        r->refusal = MHD_HTTP_INTERNAL_SERVER_ERROR;
         return MHD_NO;
     }
     return MHD_YES;
@@ -255,9 +257,10 @@ bool request_take_body(WebsPrivate *r, const char *data, size_t size)
         } else if (!r->temp_room.reserve(r->received)) {
             refuse_body(r, MHD_HTTP_SERVICE_UNAVAILABLE);
         } else if (MHD_post_process(r->post.get(), data, size) != MHD_YES) {
-            // A failed file write was logged by the iterator; anything else is a malformed body.
-            refuse_body(r, r->upload.active() && !r->upload_closed ? MHD_HTTP_INTERNAL_SERVER_ERROR
-                                                                   : MHD_HTTP_BAD_REQUEST);
+            // The iterator marks a file it could not store; anything else is a malformed body,
+            // also one that breaks off inside its file part.
+            refuse_body(r, r->refusal == MHD_HTTP_INTERNAL_SERVER_ERROR ? MHD_HTTP_INTERNAL_SERVER_ERROR
+                                                                        : MHD_HTTP_BAD_REQUEST);
         }
         return true;
     }

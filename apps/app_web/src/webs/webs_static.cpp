@@ -64,6 +64,11 @@ constexpr MimeType kMimeTypes[] = {
     {"pdf", "application/pdf"},
 };
 
+// The folder of uploaded pictures, and the only types served from it: a file there is never
+// taken as a page or script of the device's origin, whatever its name.
+constexpr std::string_view kPictureFolder = "/images/watermark/";
+constexpr std::string_view kPictureTypes[] = {"image/jpeg", "image/png", "image/bmp"};
+
 enum class RangeKind { Whole, Part, Unsatisfiable };
 
 struct Range {
@@ -352,6 +357,9 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
     std::string modified = http_date(st.st_mtime);
     // NAME's type (a link's target names it), also for NAME.gz.
     const char *type = mime_type(has_plain ? plain.resolved : plain.relative);
+    if (std::string_view(resolved).substr(cfg.root.size()).starts_with(kPictureFolder) &&
+        std::find(std::begin(kPictureTypes), std::end(kPictureTypes), type) == std::end(kPictureTypes))
+        return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
     bool head = strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
 
     if (not_modified(connection, st.st_mtime)) {

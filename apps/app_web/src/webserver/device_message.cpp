@@ -74,3 +74,16 @@ int http_check_reply(const char *text, size_t len, const char *command, char *re
     *response = answer;
     return 0;
 }
+
+bool http_upgrade_progress(const cJSON *response, int *value)
+{
+    const cJSON *result = cJSON_GetObjectItem(response, "Result");
+    const cJSON *params = cJSON_GetObjectItem(response, "Parameters");
+    if (!cJSON_IsString(result) || strcmp(result->valuestring, "OK") != 0 || !cJSON_IsObject(params))
+        return false;
+    const cJSON *progress = cJSON_GetObjectItemCaseSensitive(params, "UpgradeProgressValue");
+    if (!cJSON_IsNumber(progress))
+        return false;
+    *value = progress->valueint;
+    return true;
+}

@@ -34,3 +34,8 @@ char *http_set_command_response(const char *command, const char *receiver_name, 
 // the reason written. Error lines are written in the name of site.
 int http_check_reply(const char *text, size_t len, const char *command, char *reason, CJsonPtr *tree,
                      cJSON **response, const LogSite &site);
+
+// The progress value of an upgrade application's reply {"Result": "OK", "Parameters":
+// {"UpgradeProgressValue": N}} ("Result" and "Parameters" in any letter case); false for a
+// reply of any other shape. A value below 100 means the upgrade goes on.
+bool http_upgrade_progress(const cJSON *response, int *value);

@@ -62,21 +62,6 @@ int http_msg_socket_init(http_protocol_receiver &entry)
     return 0;
 }
 
-// The progress value of an upgrade reply {"Result": "OK", "Parameters":
-// {"UpgradeProgressValue": N}}; false for a reply of any other shape.
-bool upgrade_progress(const cJSON *response, int *value)
-{
-    const cJSON *result = cJSON_GetObjectItem(response, "Result");
-    const cJSON *params = cJSON_GetObjectItem(response, "Parameters");
-    if (!cJSON_IsString(result) || strcmp(result->valuestring, "OK") != 0 || !cJSON_IsObject(params))
-        return false;
-    const cJSON *progress = cJSON_GetObjectItemCaseSensitive(params, "UpgradeProgressValue");
-    if (!cJSON_IsNumber(progress))
-        return false;
-    *value = progress->valueint;
-    return true;
-}
-
 // The descriptor nanomsg signals on when the socket can send (NN_SNDFD) or has a message
 // (NN_RCVFD); -1 when it has none.
 int signal_fd(int sock, int option)
@@ -204,7 +189,7 @@ private:
                 return true;
             }
             int progress = 0;
-            if (upgrade_socket_ && upgrade_progress(response, &progress)) {
+            if (upgrade_socket_ && http_upgrade_progress(response, &progress)) {
                 HTTP_DEBUG("http recv ProgressValue->valueint %d\n", progress);
                 if (following_upgrade())
                     upgrade_status.value = progress;

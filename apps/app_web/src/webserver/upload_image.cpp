@@ -3,7 +3,6 @@
 #include "actions/password_check.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "common/syscmd.h"
 #include "json2c/json_fields.h"
 #include "md5/md5.h"
 #include "session/session.h"
@@ -15,14 +14,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <string_view>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr char kEmptyWatermark[] = "rm -rf /mnt/app/web_root/images/watermark/*";
-constexpr size_t kMaxNameLength = 254;      // of the encoded name in the query
 constexpr long kMinImageSize = 1024;        // 1K
 constexpr long kMaxImageSize = 1920 * 1080; // the reason text speaks of 1M
 constexpr int kMaxWidth = 1920;
@@ -32,9 +32,26 @@ constexpr size_t kReasonSize = 128;
 constexpr size_t kCopyBlock = 1024;
 constexpr size_t kDigestTextSize = 64;
 constexpr size_t kDigestTextLength = 32;    // a password of this length is taken as a digest
+// The new image is written under this name in the watermark directory, then renamed; a dot
+// name, so that a leftover of a power cut is never taken for an image.
+constexpr char kTempName[] = ".upload-XXXXXX";
+// The stored image may be read by the device's other applications (the overlay).
+constexpr mode_t kImageMode = 0644;
 
-const char *const kImageTypes[] = {"image/jpeg", "image/png", "image/bmp"};
-const char *const kOldImageMarks[] = {".jpg", ".bmp", ".png", ".gif", ".jpeg"};
+// The picture formats, each with the name extensions and the leading bytes it must have.
+// A PNG's signature is checked with the dimensions, which have their own replies for it.
+struct ImageType {
+    const char *content_type;
+    const char *extensions[2];
+    std::string_view signature;
+};
+constexpr ImageType kImageTypes[] = {
+    {"image/jpeg", {".jpg", ".jpeg"}, "\xff\xd8\xff"},
+    {"image/png", {".png", nullptr}, ""},
+    {"image/bmp", {".bmp", nullptr}, "BM"},
+};
+// Bytes of a picture read for the signatures above.
+constexpr size_t kSignatureRoom = 3;
 
 int hex_value(char c)
 {
@@ -71,32 +88,84 @@ bool safe_name(const char *name, size_t len)
     return len > 0 && strlen(name) == len && !strchr(name, '/') && strcmp(name, ".") != 0 && strcmp(name, "..") != 0;
 }
 
-bool allowed_type(const char *type)
+const ImageType *image_type(const char *content_type)
 {
-    for (const char *t : kImageTypes)
-        if (type && strcmp(type, t) == 0)
-            return true;
-    return false;
+    for (const ImageType &t : kImageTypes)
+        if (content_type && strcmp(content_type, t.content_type) == 0)
+            return &t;
+    return nullptr;
 }
 
-// Deletes the first old image found in the watermark directory (at most one).
-void delete_old_image()
+bool ends_with_nocase(const char *name, const char *suffix)
+{
+    size_t n = strlen(name), k = strlen(suffix);
+    return n >= k && strcasecmp(name + n - k, suffix) == 0;
+}
+
+// The first bytes of the uploaded file; -1 when it cannot be read.
+ssize_t read_head(const char *path, unsigned char *head, size_t room)
+{
+    FilePtr f(fopen(path, "rbe"));
+    if (!f) {
+        HTTP_ERROR("The file '%s' can not be opened! \n", path);
+        return -1;
+    }
+    size_t got = fread(head, 1, room, f.get());
+    return ferror(f.get()) ? -1 : static_cast<ssize_t>(got);
+}
+
+// Removes every file of the watermark directory but the one named keep, without a shell.
+// Subdirectories stay: nothing this server stores makes one.
+void remove_other_files(const char *keep)
 {
     DirPtr dir(opendir(WATERMARK_DIR));
     if (!dir)
         return;
+    int fd = dirfd(dir.get());
     while (dirent *e = readdir(dir.get())) {
-        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0 || strcmp(e->d_name, keep) == 0)
             continue;
-        for (const char *mark : kOldImageMarks) {
-            if (strstr(e->d_name, mark)) {
-                char path[kDestSize];
-                snprintf(path, sizeof path, "%s%s", WATERMARK_DIR, e->d_name);
-                unlink(path);
-                return;
-            }
-        }
+        struct stat st;
+        if (fstatat(fd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode))
+            continue;
+        if (unlinkat(fd, e->d_name, 0) != 0)
+            HTTP_ERROR("remove file failure! path:%s%s\n", WATERMARK_DIR, e->d_name);
     }
+}
+
+void sync_watermark_dir()
+{
+    UniqueFd fd(open(WATERMARK_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd)
+        fsync(fd.get());
+}
+
+// Writes the picture at from into a new file of the watermark directory and renames it to
+// name: the old image stays until the new one is whole on the disk. 0, or -1 after the
+// error lines, with nothing left behind.
+int store_image(const char *from, const char *name)
+{
+    char temp[kDestSize];
+    char dest[kDestSize];
+    snprintf(temp, sizeof temp, "%s%s", WATERMARK_DIR, kTempName);
+    snprintf(dest, sizeof dest, "%s%s", WATERMARK_DIR, name);
+    UniqueFd fd(mkostemp(temp, O_CLOEXEC));
+    if (!fd || fchmod(fd.get(), kImageMode) != 0) {
+        HTTP_ERROR("The file '%s' can not be opened! \n", temp);
+        if (fd)
+            unlink(temp);
+        return -1;
+    }
+    fd.reset();
+    if (copyFile(from, temp) != 0)
+        return -1;
+    if (rename(temp, dest) != 0) {
+        HTTP_ERROR("Write to file '%s' failed!\n", dest);
+        unlink(temp);
+        return -1;
+    }
+    sync_watermark_dir();
+    return 0;
 }
 
 uint32_t read_be32(const unsigned char *p)
@@ -118,6 +187,36 @@ bool get_bmp_width_height(const char *path, int *width, int *height)
         return false;
     *width = static_cast<int32_t>(read_le32(head + 18));
     *height = static_cast<int32_t>(read_le32(head + 22));
+    return true;
+}
+
+// Checks the picture's dimensions; false after writing the refusal.
+bool dimensions_allowed(Webs *wp, const WebsUpload *file, int *width, int *height)
+{
+    const char *type = file->contentType;
+    if (strcmp(type, "image/png") == 0) {
+        int rc = GetPNGWidthHeight(file->filename, width, height);
+        if (rc != 0) {
+            HTTP_ERROR("get picture width and height fail path:%s! \n", file->filename);
+            json_perror(wp, -1, rc == -2 ? "Upload file failed! png format error!\n" : "Upload png file failed");
+            return false;
+        }
+    } else if (strcmp(type, "image/bmp") == 0) {
+        if (!get_bmp_width_height(file->filename, width, height)) {
+            json_perror(wp, -1, "Upload file failed");
+            return false;
+        }
+    } else {
+        return true;  // JPEG pictures are not measured
+    }
+    if (*width < 1 || *width > kMaxWidth || *height < 1 || *height > kMaxHeight) {
+        HTTP_ERROR("upload PIC picture file max[1920,1080]  current[%d,%d]\n", *width, *height);
+        char reason[kReasonSize];
+        snprintf(reason, sizeof reason, "Upload file failed! MAX picture[1920x1080],Current picture[%dx%d] \n", *width,
+                 *height);
+        json_perror(wp, -1, reason);
+        return false;
+    }
     return true;
 }
 
@@ -154,39 +253,27 @@ bool caller_allowed(Webs *wp, const RequestQuery &q)
     return true;
 }
 
-namespace {
-
-// Checks the picture's dimensions; false after writing the refusal.
-bool dimensions_allowed(Webs *wp, const WebsUpload *file, int *width, int *height)
+int watermark_name(const char *encoded, char *name, size_t size)
 {
-    const char *type = file->contentType;
-    if (strcmp(type, "image/png") == 0) {
-        int rc = GetPNGWidthHeight(file->filename, width, height);
-        if (rc != 0) {
-            HTTP_ERROR("get picture width and height fail path:%s! \n", file->filename);
-            json_perror(wp, -1, rc == -2 ? "Upload file failed! png format error!\n" : "Upload png file failed");
-            return false;
-        }
-    } else if (strcmp(type, "image/bmp") == 0) {
-        if (!get_bmp_width_height(file->filename, width, height)) {
-            json_perror(wp, -1, "Upload file failed");
-            return false;
-        }
-    } else {
-        return true;  // JPEG pictures are not measured
-    }
-    if (*width < 1 || *width > kMaxWidth || *height < 1 || *height > kMaxHeight) {
-        HTTP_ERROR("upload PIC picture file max[1920,1080]  current[%d,%d]\n", *width, *height);
-        char reason[kReasonSize];
-        snprintf(reason, sizeof reason, "Upload file failed! MAX picture[1920x1080],Current picture[%dx%d] \n", *width,
-                 *height);
-        json_perror(wp, -1, reason);
-        return false;
-    }
-    return true;
+    size_t len = strlen(encoded);
+    if (len > WATERMARK_NAME_MAX)
+        return -1;
+    if (size <= len)
+        return -2;
+    return safe_name(name, decode_name(encoded, name)) ? 0 : -2;
 }
 
-} // namespace
+bool watermark_type_fits(const char *name, const char *content_type, const unsigned char *head, size_t len)
+{
+    const ImageType *t = image_type(content_type);
+    if (!t || !name)
+        return false;
+    bool named = false;
+    for (const char *ext : t->extensions)
+        named = named || (ext && ends_with_nocase(name, ext));
+    return named && (t->signature.empty() || (head && len >= t->signature.size() &&
+                                               memcmp(head, t->signature.data(), t->signature.size()) == 0));
+}
 
 int GetPNGWidthHeight(const char *path, int *width, int *height)
 {
@@ -239,31 +326,28 @@ int copyFile(const char *from, const char *to)
     while ((n = fread(block, 1, sizeof block, in.get())) > 0)
         if (fwrite(block, 1, n, out.get()) != n)
             return failed();
-    if (ferror(in.get()) || fflush(out.get()) != 0)
+    if (ferror(in.get()) || fflush(out.get()) != 0 || fsync(fileno(out.get())) != 0)
         return failed();
     return 0;
 }
 
 void http_upload_image(Webs *wp, const RequestQuery &query)
 {
-    // The directory is emptied first (the caller was checked before the picture was taken
-    // in), so a refused picture leaves no image behind.
-    HTTP_SYSTEM_CMD(kEmptyWatermark);
-    if (system(kEmptyWatermark) != 0)
-        HTTP_ERROR("system(%s) failed\n", kEmptyWatermark);
+    // The caller was checked before the picture was taken in (caller_allowed); nothing is
+    // touched before the picture has passed every check.
     if (!query.fileName) {
         HTTP_ERROR("fileName:%s\n", "(null)");
         json_perror(wp, -1, "upload file name cannot be empty");
         return;
     }
-    size_t encoded_len = strlen(query.fileName);
-    if (encoded_len > kMaxNameLength) {
+    char name[WATERMARK_NAME_MAX + 1];
+    switch (watermark_name(query.fileName, name, sizeof name)) {
+    case 0:
+        break;
+    case -1:
         json_perror(wp, -1, "upload file name max length!  max length 256 byte");
         return;
-    }
-    char name[kMaxNameLength + 1];
-    size_t name_len = decode_name(query.fileName, name);
-    if (!safe_name(name, name_len)) {
+    default:
         json_perror(wp, -1, "Invalid upload file name");
         return;
     }
@@ -279,23 +363,30 @@ void http_upload_image(Webs *wp, const RequestQuery &query)
         json_perror(wp, -1, "Upload files up to size  MAX:1M  MIN:1K");
         return;
     }
-    if (!allowed_type(file->contentType)) {
+    // The name decides the type the picture is served with, so it must fit the content type
+    // and the content its format: an "x.html" sent as image/jpeg is no picture.
+    unsigned char head[kSignatureRoom] = {};
+    ssize_t head_len = read_head(file->filename, head, sizeof head);
+    if (head_len < 0) {
+        json_perror(wp, -1, "Upload file failed");
+        return;
+    }
+    if (!watermark_type_fits(name, file->contentType, head, static_cast<size_t>(head_len))) {
         HTTP_DEBUG("upload osd file type :%s\n", file->contentType ? file->contentType : "");
         json_perror(wp, -1, "Invalid upload file type, Only support: .jpg .png .bmp");
         return;
     }
-    delete_old_image();
-    char dest[kDestSize];
-    snprintf(dest, sizeof dest, "%s%s", WATERMARK_DIR, name);
 
     int width = 0, height = 0;
     if (!dimensions_allowed(wp, file, &width, &height))
         return;
     HTTP_DEBUG("picture[%s][%dx%d]\n", file->filename, width, height);
-    if (copyFile(file->filename, dest) != 0) {
+    if (store_image(file->filename, name) != 0) {
         HTTP_ERROR("cp file failed\n");
         json_perror(wp, -1, "Upload file failed");
         return;
     }
+    // Only now that the new image is in place do the old ones go.
+    remove_other_files(name);
     json_OK(wp);
 }

@@ -365,6 +365,8 @@ HttpReply http(const HttpRequest &req)
     curl_easy_setopt(c.get(), CURLOPT_WRITEDATA, &reply.body);
     for (auto &h : req.headers)
         add_header(h);
+    if (!req.source.empty())
+        curl_easy_setopt(c.get(), CURLOPT_INTERFACE, ("host!" + req.source).c_str());
     if (!req.upload_path.empty()) {
         mime.reset(curl_mime_init(c.get()));
         curl_mimepart *part = curl_mime_addpart(mime.get());

@@ -113,6 +113,7 @@ struct HttpRequest {
     std::string upload_path{}, upload_name{}, upload_type{};  // a multipart upload's file part
     std::string body_file{};                                  // a body streamed from this file
     long timeout_ms = 20000;
+    std::string source{};  // the local address to send from (any of 127.0.0.0/8); the default when empty
 };
 struct HttpReply {
     long status = 0;  // 0 when the request failed at the transport

@@ -59,12 +59,12 @@ TEST_F(Hosts, SlowHostsCannotDenyThePagesToOthers)
         for (int host = 2; host <= 6; ++host)
             open_connections(&held, host, 64, bytes, half_close);
     };
-    attack("GET /login.html HTTP/1.1\r\nHost: x\r\n", false);  // headers that never end
+    attack("GET /login.html HTTP/1.1\r\nHost: localhost\r\n", false);  // headers that never end
     std::string pipelined;
     for (int i = 0; i < 50; ++i)
-        pipelined += "GET /sd/big.bin HTTP/1.1\r\nHost: x\r\n\r\n";
+        pipelined += "GET /sd/big.bin HTTP/1.1\r\nHost: localhost\r\n\r\n";
     attack(pipelined, false);                                   // replies never read
-    attack("POST /action/device/login HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{", true);
+    attack("POST /action/device/login HTTP/1.1\r\nHost: localhost\r\nContent-Length: 100\r\n\r\n{", true);
     // Each attacking host holds no more than a browser may.
     for (int host = 2; host <= 6; ++host)
         EXPECT_LE(established("( sport = :8080 and dst 127.0.0." + std::to_string(host) + " )"), 8u) << host;
@@ -103,8 +103,8 @@ TEST_F(Hosts, AFullServerClosesTheLongestIdleConnectionForANewcomer)
 TEST_F(Hosts, HeadersThatNeverEndAndIdleConnectionsAreClosedAfterTheDeadline)
 {
     std::vector<UniqueFd> held;
-    open_connections(&held, 3, 1, "GET /login.html HTTP/1.1\r\nHost: x\r\n", false);
-    open_connections(&held, 3, 1, "GET /login.html HTTP/1.1\r\nHost: x\r\n\r\n", false);  // then idle
+    open_connections(&held, 3, 1, "GET /login.html HTTP/1.1\r\nHost: localhost\r\n", false);
+    open_connections(&held, 3, 1, "GET /login.html HTTP/1.1\r\nHost: localhost\r\n\r\n", false);  // then idle
     long long start = ts::now_ms();
     char buf[4096];
     for (UniqueFd &fd : held) {

@@ -35,7 +35,7 @@ protected:
     }
     static std::string head_of_body(const std::string &method, const std::string &path, unsigned long long length)
     {
-        return method + " " + path + " HTTP/1.1\r\nHost: x\r\nContent-Type: application/octet-stream\r\n"
+        return method + " " + path + " HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/octet-stream\r\n"
                                       "Connection: close\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
     }
 
@@ -133,7 +133,7 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
     EXPECT_EQ(414, get(target + std::string(100000, 'a')).status);  // refused by the HTTP engine itself
     EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large",
               ts::status_line(
-                  ts::raw_http(port, "GET / HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n")));
+                  ts::raw_http(port, "GET / HTTP/1.1\r\nHost: localhost\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n")));
     // An action that needs no caller takes a JSON text, in memory only.
     EXPECT_EQ("HTTP/1.1 413 Content Too Large",
               ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/login", 65537))));
@@ -176,7 +176,7 @@ TEST_F(Serving, ACallerWithoutSessionIsRefusedBeforeItsBodyIsSent)
 {
     for (const char *action : {"StartUpgrade", "set_user_param", "upload_Image", "GetNetworkWIFIParameters"}) {
         std::string head = "POST /action/device/" + std::string(action) +
-                           " HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 250000000\r\n\r\n";
+                           " HTTP/1.1\r\nHost: localhost\r\nExpect: 100-continue\r\nContent-Length: 250000000\r\n\r\n";
         std::string reply = ts::raw_http(port, head, 2000);
         EXPECT_EQ(0u, reply.find("HTTP/1.1 200 OK\r\n")) << action << ": " << reply;
         EXPECT_EQ(std::string::npos, reply.find("100 Continue")) << action;
@@ -192,7 +192,7 @@ TEST_F(Serving, ACallerWithoutSessionIsRefusedBeforeItsBodyIsSent)
 TEST_F(Serving, ARefusedClientStillSendingItsBodyGetsTheWholeRefusal)
 {
     UniqueFd fd = ts::connect_from("127.0.0.1", port);
-    std::string head = "POST /action/device/set_user_param HTTP/1.1\r\nHost: x\r\nContent-Length: 12582912\r\n\r\n";
+    std::string head = "POST /action/device/set_user_param HTTP/1.1\r\nHost: localhost\r\nContent-Length: 12582912\r\n\r\n";
     ASSERT_EQ(head.size(), send_all(fd, head));
     std::string reply;
     char buf[4096];

@@ -106,7 +106,7 @@ TEST_F(Stall, WorkForAClientThatWentAwayIsDropped)
     std::thread t = hang_storage(&hung);
     {
         UniqueFd fd = ts::connect_from("127.0.0.1", 8080);
-        std::string request = "GET /action/device/GetStorageStatus?sessionid=" + sid + " HTTP/1.1\r\nHost: x\r\n\r\n";
+        std::string request = "GET /action/device/GetStorageStatus?sessionid=" + sid + " HTTP/1.1\r\nHost: localhost\r\n\r\n";
         ASSERT_EQ(static_cast<ssize_t>(request.size()), send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL));
         ASSERT_TRUE(ts::eventually([asked_before] {
             return ts::occurrences(dev->server().log(), "actionName=GetStorageStatus\n") == asked_before + 2;

@@ -246,7 +246,7 @@ TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersSt
 
 std::string head_of_image(const std::string &query, unsigned long long length)
 {
-    return "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+    return "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
            "Content-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
@@ -262,7 +262,7 @@ TEST(Upgrade, ImagesWaitingInTemporaryFilesAreBoundedTogether)
     ASSERT_EQ(head.size(), static_cast<size_t>(send(first.get(), head.data(), head.size(), MSG_NOSIGNAL)));
     ASSERT_TRUE(ts::eventually([] { return ts::temp_files_now() == 1; }));
     EXPECT_EQ("HTTP/1.1 503 Service Unavailable", ts::status_line(ts::raw_http(8082, head_of_image(query, image), 2000)));
-    std::string chunked = "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: x\r\n"
+    std::string chunked = "POST /action/device/StartUpgrade?" + query + " HTTP/1.1\r\nHost: localhost\r\n"
                           "Connection: close\r\nTransfer-Encoding: chunked\r\n\r\n";
     for (int i = 0; i < 24; ++i)
         chunked += "100000\r\n" + std::string(1 << 20, 'c') + "\r\n";

@@ -275,7 +275,7 @@ protected:
 
     std::string get(const std::string &target, const std::string &extra = "")
     {
-        return ts::raw_http(port, "GET " + target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + extra + "\r\n",
+        return ts::raw_http(port, "GET " + target + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" + extra + "\r\n",
                             2000);
     }
 
@@ -345,7 +345,7 @@ TEST_F(Layer, AMultipartBodyBrokenInsideItsFilePartIsABadRequest)
                              "Content-Type: image/png\r\n\r\n" + std::string(600, 'x') + "\r\n";
     for (const std::string &end : {std::string("--bndxxxx"), std::string("--bnd--\r\n")}) {
         std::string body = head + end;
-        std::string got = ts::raw_http(port, "POST /action/upload HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+        std::string got = ts::raw_http(port, "POST /action/upload HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
                                              "Content-Type: multipart/form-data; boundary=bnd\r\nContent-Length: " +
                                                  std::to_string(body.size()) + "\r\n\r\n" + body,
                                        2000);

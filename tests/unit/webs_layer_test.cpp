@@ -163,7 +163,7 @@ TEST_F(Layer, FirstFilePartBecomesCurrentFileAndIsRemovedAfterTheRequest)
     std::string first = std::string(3000, 'q').replace(0, 1, 1, '\0');
     std::string body = part + first + "\r\n" + part + "second\r\n--XX--\r\n";
     std::string reply =
-        ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Type: "
+        ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\nContent-Type: "
                            "multipart/form-data; boundary=XX\r\nContent-Length: " +
                                std::to_string(body.size()) + "\r\n\r\n" + body);
     EXPECT_TRUE(reply.ends_with("\r\n\r\nPOST /action/echo [] 0 a.png,image/png,3000")) << reply;
@@ -240,7 +240,7 @@ TEST_F(Layer, CloseAnswersTheRequestsItsPartsHeldAsUnavailable)
 // headers goes out at once, without "100 Continue" and without reading the body.
 TEST_F(Layer, TheBodyIsReadOnlyOnceTheProcedureAsksForIt)
 {
-    const std::string expect = " HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n";
+    const std::string expect = " HTTP/1.1\r\nHost: localhost\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n";
     std::string refused = ts::raw_http(port, "POST /action/refuse" + expect, 500);
     EXPECT_EQ("HTTP/1.1 403 Forbidden", ts::status_line(refused));
     EXPECT_EQ(std::string::npos, refused.find("100 Continue"));
@@ -250,7 +250,7 @@ TEST_F(Layer, TheBodyIsReadOnlyOnceTheProcedureAsksForIt)
 
 TEST_F(Layer, AClientThatGoesAwayWhileItsRequestWaitsIsNoticedAtOnce)
 {
-    std::string head = "GET /action/wait/gone HTTP/1.1\r\nHost: x\r\n\r\n";
+    std::string head = "GET /action/wait/gone HTTP/1.1\r\nHost: localhost\r\n\r\n";
     {
         UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in addr{.sin_family = AF_INET, .sin_port = htons(static_cast<uint16_t>(port)),
@@ -270,8 +270,8 @@ TEST_F(Layer, AClientThatGoesAwayWhileItsRequestWaitsIsNoticedAtOnce)
 TEST_F(Layer, ClientDroppingMidRequestOrMidReplyLeavesNothingBehind)
 {
     ts::write_file("/mnt/www/big.bin", std::string(8 << 20, 'b'));
-    ts::raw_http(port, "GET /big.bin HTTP/1.1\r\nHost: x\r\n\r\n", 20);
-    std::string head = "POST /action/echo HTTP/1.1\r\nHost: x\r\nContent-Length: 400000\r\n";
+    ts::raw_http(port, "GET /big.bin HTTP/1.1\r\nHost: localhost\r\n\r\n", 20);
+    std::string head = "POST /action/echo HTTP/1.1\r\nHost: localhost\r\nContent-Length: 400000\r\n";
     ts::raw_http(port, head + "\r\n" + std::string(200000, 'd'), 200);
     ts::raw_http(port, head + "Content-Type: multipart/form-data; boundary=XX\r\n\r\n--XX\r\nContent-Disposition: "
                               "form-data; name=\"f\"; filename=\"a.png\"\r\n\r\n" + std::string(200000, 'd'), 200);

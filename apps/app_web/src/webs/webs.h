@@ -110,6 +110,9 @@ private:
     Webs *wp_ = nullptr;
 };
 
+// The client's IP address as text ("192.0.2.7", "2001:db8::7"); "" when unknown.
+const char *websClientAddress(const Webs *wp);
+
 // Whether the request's client has gone (closed or half-closed its connection while the
 // request waited). Work not yet started for it should be dropped; its reply is never sent.
 bool websClientGone(const Webs *wp);

@@ -146,6 +146,7 @@ struct WebsPrivate {
 
     std::string url;     // raw request target
     std::string method;
+    std::string peer;    // the client's IP address as text
     std::string path;    // decoded, checked path of a static document
     WebsAction proc = nullptr;
     std::function<void(Webs *)> next;  // what runs once the body is complete
@@ -159,6 +160,7 @@ struct WebsPrivate {
     int refusal = 0;                      // status of a refused request
     const char *refusal_message = "";     // text of its error page
     std::string allow;                    // Allow header of a 405
+    bool close_after_refusal = false;     // the refusal ends the connection (framing in doubt)
     std::string body;
     webs::TempRoom temp_room;  // declared before the files: they are removed before it is given back
     webs::TempFile spool;
@@ -189,9 +191,10 @@ int request_finish_body(WebsPrivate *r);
 
 // Adds the headers every reply carries and queues it; the response is released.
 MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Response *response);
-// Queues the layer's HTML error page (with an Allow header when allow is given).
+// Queues the layer's HTML error page (with an Allow header when allow is given; ending the
+// connection after it when close is set).
 MHD_Result queue_error_page(MHD_Connection *connection, unsigned status, const char *message,
-                            const char *allow = nullptr);
+                            const char *allow = nullptr, bool close = false);
 // Queues the reply a procedure wrote.
 MHD_Result queue_action_reply(WebsPrivate *r);
 // The reply of a procedure that ended without one (500), or of a request dropped at close (503).

@@ -125,7 +125,8 @@ MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Respo
     return rc;
 }
 
-MHD_Result queue_error_page(MHD_Connection *connection, unsigned status, const char *message, const char *allow)
+MHD_Result queue_error_page(MHD_Connection *connection, unsigned status, const char *message, const char *allow,
+                            bool close)
 {
     std::string page = error_page(status, message);
     MHD_Response *response =
@@ -136,6 +137,8 @@ MHD_Result queue_error_page(MHD_Connection *connection, unsigned status, const c
     MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
     if (allow)
         MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, allow);
+    if (close)
+        MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     return queue_response(connection, status, response);
 }
 

@@ -6,6 +6,8 @@
 // request's line and headers are in; a request whose answer is not ready when the procedure
 // (or its body's continuation) returns is suspended, and resumed once it is.
 #include "common/log.h"
+#include "webs/webs_framing.h"
+#include "webs/webs_guard.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 #include "webs/webs_version.h"
@@ -38,6 +40,7 @@ struct Server {
     DocumentConfig docs;
     std::vector<Route> routes;
     std::string ipaddr, host;
+    std::string device_name;  // the host name a browser may use for the device (besides literals)
     std::map<std::string, WebsAction, std::less<>> actions;
     std::unique_ptr<EventLoop> loop;
     MHD_Daemon *daemon = nullptr;
@@ -107,7 +110,7 @@ MHD_Result send_refusal(WebsPrivate *r)
 {
     r->state = RequestState::Answered;
     return queue_error_page(r->connection, static_cast<unsigned>(r->refusal), r->refusal_message,
-                            r->allow.empty() ? nullptr : r->allow.c_str());
+                            r->allow.empty() ? nullptr : r->allow.c_str(), r->close_after_refusal);
 }
 
 // Refuses a request once the rest of its body has been read and dropped, which keeps the
@@ -247,11 +250,59 @@ void fill_head(WebsPrivate *r)
     r->wp.input.servp = r->wp.input.endp = r->body.data();
 }
 
-MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method)
+// The client's address as text.
+std::string peer_text(MHD_Connection *connection)
+{
+    const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    char text[INET6_ADDRSTRLEN] = "";
+    if (info && info->client_addr) {
+        const sockaddr *sa = info->client_addr;
+        if (sa->sa_family == AF_INET)
+            inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(sa)->sin_addr, text, sizeof text);
+        else if (sa->sa_family == AF_INET6)
+            inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(sa)->sin6_addr, text, sizeof text);
+    }
+    return text;
+}
+
+// Why a request is refused before it is routed, or nullptr: its framing leaves its end in
+// doubt (400), it names another host than this device (421: a page that rebound its own DNS
+// name to the device), or it is a POST from another site (403). *status is the refusal's.
+const char *refused_before_routing(WebsPrivate *r, const char *method, const char *version, unsigned *status)
+{
+    bool http11 = version && strcmp(version, MHD_HTTP_VERSION_1_1) == 0;
+    if (const char *fault = framing_fault(request_header_fields(r->connection), http11)) {
+        // The connection goes with the refusal: a hidden second request is never read.
+        r->close_after_refusal = true;
+        *status = MHD_HTTP_BAD_REQUEST;
+        return fault;
+    }
+    const char *host = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
+    if (!host_allowed(host, srv.device_name)) {
+        *status = MHD_HTTP_MISDIRECTED_REQUEST;
+        return "This device does not answer for that host name";
+    }
+    const char *origin = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ORIGIN);
+    if (strcmp(method, MHD_HTTP_METHOD_POST) == 0 && !origin_allowed(origin, host)) {
+        *status = MHD_HTTP_FORBIDDEN;
+        return "Requests from another site are refused";
+    }
+    return nullptr;
+}
+
+MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method, const char *version)
 {
     r->method = method;
     r->conn = connection_of(r->connection);
+    r->peer = peer_text(r->connection);
     connection_request_started(r->conn);
+    unsigned status = 0;
+    if (const char *why = refused_before_routing(r, method, version, &status)) {
+        r->state = RequestState::Deciding;  // nothing of its body has been read
+        mark_body_unread(r);
+        refuse(r, static_cast<int>(status), why);
+        return send_refusal(r);
+    }
     if (r->url.size() > kMaxTarget)
         return refuse(r, MHD_HTTP_URI_TOO_LONG, "Request target too long");
     std::string path = normal_path(r->url, url);
@@ -304,7 +355,7 @@ MHD_Result finish_body(WebsPrivate *r)
     return call_action(r, next);
 }
 
-MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, const char *method, const char *,
+MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, const char *method, const char *version,
                           const char *upload_data, size_t *upload_data_size, void **req_cls)
 {
     auto *r = static_cast<WebsPrivate *>(*req_cls);
@@ -318,7 +369,7 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
     }
     switch (r->state) {
     case RequestState::New:
-        return begin_request(r, url, method);
+        return begin_request(r, url, method, version);
     case RequestState::Deciding:
         // Called again at the headers once resumed: the answer is ready or the body wanted.
         return after_action(r);
@@ -491,6 +542,9 @@ int websOpen(const char *documents, const char *routeFile)
     srv.docs.root_fd = srv.root_fd.get();
     srv.docs.index = kDefaultIndex;
     srv.docs.routes = &srv.routes;
+    char name[256] = "";
+    if (gethostname(name, sizeof name - 1) == 0)
+        srv.device_name = name;
     srv.open = true;
     return 0;
 }
@@ -649,6 +703,8 @@ WebsHold::~WebsHold()
         holds_released(r);
     request_release(r);
 }
+
+const char *websClientAddress(const Webs *wp) { return wp && wp->priv ? wp->priv->peer.c_str() : ""; }
 
 bool websClientGone(const Webs *wp) { return wp && wp->priv && wp->priv->gone.load(std::memory_order_relaxed); }
 

@@ -7,6 +7,7 @@
 #include "common/owners.h"
 #include "json2c/json_fields.h"
 #include "json2c/login_json.h"
+#include "session/login_throttle.h"
 #include "session/session.h"
 #include "webserver/device_message.h"
 #include "webserver/http_reply.h"
@@ -72,6 +73,37 @@ void ask_device(const LoginParam &login, const char *body, WebsHold hold, Verifi
     });
 }
 
+// Whether a password check for account from the request's client may run now: a guesser's
+// address is refused for a while, a guessed account slowed to one check a second. Writes the
+// refusal (the failure text "try again later") when it may not; the device application is
+// then never asked.
+bool throttle_allows(Webs *wp, const char *account)
+{
+    const char *addr = websClientAddress(wp);
+    if (throttle_admit(addr, account, throttle_now_ms()))
+        return true;
+    HTTP_ERROR("password check for %s from %s refused: too many failed attempts\n", account, addr);
+    return false;
+}
+
+// Tells the throttle how a password check the application answered came out.
+void throttle_note(Webs *wp, const char *account, bool accepted)
+{
+    throttle_record(websClientAddress(wp), account, accepted, throttle_now_ms());
+}
+
+// The failure text of a refused check, in the form a wrong password gets.
+void reply_throttled(Webs *wp)
+{
+    char *text_raw = nullptr;
+    formatFailCallJSON(&text_raw, kThrottledReason);
+    HeapText text(text_raw);
+    if (text)
+        http_response(wp, text.get());
+    else
+        json_perror(wp, -1, kThrottledReason);
+}
+
 // Whether the application's answer says the password is valid.
 bool password_accepted(const char *answer)
 {
@@ -103,14 +135,20 @@ void check_query_credentials(WebsHold hold, const char *username, const char *pa
     LoginParam login{};
     copy_field(login.username, sizeof login.username, username);
     copy_field(login.password, sizeof login.password, password);
-    ask_device(login, nullptr, hold, [hold, admitted](Verification &v) {
+    if (!throttle_allows(hold.get(), login.username)) {
+        reply_throttled(hold.get());
+        return;
+    }
+    ask_device(login, nullptr, hold, [hold, admitted, login](Verification &v) {
         Webs *wp = hold.get();
         if (v.verdict != Verdict::Answered) {
             json_perror(wp, -1, kInvalidUser);
             HTTP_ERROR_AS("check_query_credentials", "Invalid username or password\n");
             return;
         }
-        if (!password_accepted(v.answer.get())) {
+        bool accepted = password_accepted(v.answer.get());
+        throttle_note(wp, login.username, accepted);
+        if (!accepted) {
             char *text_raw = nullptr;
             formatFailCallJSON(&text_raw, kInvalidUser);
             HeapText text(text_raw);
@@ -135,12 +173,20 @@ void http_login_flow(WebsHold hold, const char *in_json, std::function<void(Outc
         done(Outcome::of(-1, out));
         return;
     }
+    if (!throttle_allows(hold.get(), login.username)) {
+        char *out = nullptr;
+        formatFailCallJSON(&out, kThrottledReason);
+        done(Outcome::of(-1, out));
+        return;
+    }
     ask_device(login, in_json, hold, [hold, login, timeout, done](Verification &v) {
         if (v.verdict != Verdict::Answered) {
             done(Outcome::of(v.result, nullptr, v.reason));
             return;
         }
-        if (!password_accepted(v.answer.get())) {
+        bool accepted = password_accepted(v.answer.get());
+        throttle_note(hold.get(), login.username, accepted);
+        if (!accepted) {
             char *out = nullptr;
             formatFailCallJSON(&out, kInvalidUser);
             done(Outcome::of(-1, out));

@@ -5,6 +5,7 @@
 #include "common/owners.h"
 #include "json2c/json_fields.h"
 #include "md5/md5.h"
+#include "session/login_throttle.h"
 #include "session/session.h"
 #include "webs/webs.h"
 #include "webserver/http_reply.h"
@@ -245,7 +246,16 @@ bool caller_allowed(Webs *wp, const RequestQuery &q)
         MD5Buffer(q.password, static_cast<unsigned>(strlen(q.password)), digest);
         md5_sig_to_string(digest, digest_text, sizeof digest_text);
     }
-    if (check_user_pass_valid(q.username, digest_text) == 0) {
+    // Checked against the store here, so guesses are throttled like the device's checks.
+    const char *addr = websClientAddress(wp);
+    if (!throttle_admit(addr, q.username, throttle_now_ms())) {
+        HTTP_ERROR("password check for %s from %s refused: too many failed attempts\n", q.username, addr);
+        json_perror(wp, -1, kThrottledReason);
+        return false;
+    }
+    bool accepted = check_user_pass_valid(q.username, digest_text) != 0;
+    throttle_record(addr, q.username, accepted, throttle_now_ms());
+    if (!accepted) {
         json_perror(wp, -1, "Invalid username or password");
         HTTP_ERROR("Invalid username or password\n");
         return false;

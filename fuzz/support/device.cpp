@@ -270,16 +270,22 @@ int last_error = 0;  // errno of the last failed connect or send, for the report
 // TIME_WAIT behind to run the machine out of ports.
 bool connect_server()
 {
-    connection.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(kPort);
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     linger reset{1, 0};
-    if (connection && setsockopt(connection.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset) == 0 &&
-        connect(connection.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0)
-        return true;
-    last_error = errno;
+    // An interrupted connect (libFuzzer's leak checks stop every thread) goes on by itself;
+    // a new socket is the simplest way to know where it stands.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        connection.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (connection && setsockopt(connection.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset) == 0 &&
+            connect(connection.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0)
+            return true;
+        last_error = errno;
+        if (last_error != EINTR)
+            break;
+    }
     connection.reset();
     return false;
 }

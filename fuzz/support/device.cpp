@@ -10,6 +10,7 @@
 #include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
 #include "webserver/service.h"
+#include "webs/webs_limits.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -466,8 +467,11 @@ std::string request_target(std::string_view text)
 
 bool dropped_by_the_library(std::string_view target)
 {
-    constexpr long kMaxQueryParts = 200;  // well below where it starts
-    return std::count(target.begin(), target.end(), '&') > kMaxQueryParts;
+    constexpr size_t kPerPart = 64;       // a header record in libmicrohttpd's pool, rounded up
+    constexpr size_t kOtherHeaders = 4;   // Host, Content-Type, Content-Length and the line
+    constexpr size_t kReplyRoom = 2048;   // the reply's header with room to spare
+    size_t parts = static_cast<size_t>(std::count(target.begin(), target.end(), '&')) + 1 + kOtherHeaders;
+    return target.size() + 256 + parts * kPerPart + kReplyRoom >= webs_limits::kConnectionMemory;
 }
 
 std::string Reply::header(std::string_view name) const

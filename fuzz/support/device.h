@@ -42,9 +42,10 @@ struct Reply {
 // text for a request line: bytes a request line cannot carry (controls, space) percent-encoded.
 std::string request_target(std::string_view text);
 
-// Whether libmicrohttpd drops a request with this target before the server sees it: each
-// query part takes it some 60 bytes of the connection's 16 KiB, so a query of about 250
-// parts gets its 431, and one of more its connection closed without any reply.
+// Whether libmicrohttpd may close a request with this target without any reply: the line,
+// the headers and some 60 bytes for each query part share the connection's memory, and a
+// request that leaves it no room to write the reply's header is closed instead (a little
+// more, and the request gets its 431).
 bool dropped_by_the_library(std::string_view target);
 
 // Sends one request, the bytes as given, and reads its reply (no body for HEAD).

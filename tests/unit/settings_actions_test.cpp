@@ -1,11 +1,10 @@
-// The settings actions in-process: page language, web port, device clock, capability files
-// and reboot.
+// The settings actions in-process: page language, web port, device clock and capability
+// files.
 #include "actions/capability_actions.h"
 #include "actions/clock_actions.h"
 #include "actions/language_actions.h"
 #include "actions/language_format.h"
 #include "actions/port_actions.h"
-#include "actions/reboot_action.h"
 #include "actions/user_actions.h"
 #include "common/owners.h"
 #include "usermanagement/usermgnt.h"
@@ -16,7 +15,6 @@
 #include <ctime>
 #include <gtest/gtest.h>
 #include <map>
-#include <sstream>
 #include <sys/stat.h>
 
 namespace {
@@ -285,25 +283,6 @@ TEST_F(SettingsActions, CapabilityFileIsAnsweredExactlyAsStoredOrRefusedUnlessIt
     EXPECT_EQ(-1, empty.rc);
     EXPECT_NE(std::string::npos, empty.out.find("open  failed use default para\n")) << empty.out;
     EXPECT_EQ(ts::fail("Invalid input params"), get_cap(nullptr).reply);
-}
-
-// The stand-ins of reboot and sync record "NAME SECONDS.NANOSECONDS" in /tmp/standins.log.
-TEST(Reboot, SyncsWaitsPrintsTheBannerAndAsksTwiceForTheRestart)
-{
-    ts::write_file("/tmp/standins.log", "");
-    ts::Outcome reboot = ts::call(actionSetDeviceReboot, nullptr);
-    EXPECT_EQ("<null>", reboot.reply);
-    EXPECT_EQ("\n_________________________________________________________________\n"
-              "|                Device Start Restart <system>                  |\n"
-              "|_______________________________________________________________|\n",
-              reboot.out);
-    std::istringstream log(ts::read_file("/tmp/standins.log"));
-    std::string sync, reboot1, reboot2, more;
-    double t0 = 0, t1 = 0, t2 = 0;
-    log >> sync >> t0 >> reboot1 >> t1 >> reboot2 >> t2 >> more;
-    EXPECT_EQ("sync reboot reboot ", sync + " " + reboot1 + " " + reboot2 + " " + more) << log.str();
-    EXPECT_NEAR(8.0, t1 - t0, 0.5);
-    EXPECT_NEAR(3.0, t2 - t1, 0.5);
 }
 
 } // namespace

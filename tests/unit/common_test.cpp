@@ -177,6 +177,25 @@ TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
     EXPECT_EQ(0, bad.load());
 }
 
+// The text reader hands over the bytes as they stand: it neither parses nor limits them.
+TEST_F(CfgFile, JsonTextIsReadAsItStands)
+{
+    const std::string text = kDir + "/text.json";
+    for (const std::string &stored : {std::string("{\n\t\"Port\":\t80\n}"), std::string("not {json"), std::string(),
+                                      std::string(1 << 20, 'j') + "\n"}) {
+        ts::write_file(text, stored);
+        HeapText got(http_get_jsoncfgfile(text.c_str()));
+        ASSERT_TRUE(got) << stored.size() << " bytes";
+        EXPECT_EQ(stored, got.get());
+    }
+}
+
+TEST_F(CfgFile, JsonTextOfAMissingFileIsNone)
+{
+    EXPECT_EQ(nullptr, HeapText(http_get_jsoncfgfile((kDir + "/missing.json").c_str())).get());
+    EXPECT_EQ(nullptr, HeapText(http_get_jsoncfgfile(nullptr)).get());
+}
+
 } // namespace
 
 namespace {

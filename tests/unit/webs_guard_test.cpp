@@ -1,6 +1,7 @@
 // The web layer's defences: the Host and Origin checks, the framing check over the header
 // fields libmicrohttpd delivers (and what its own strictness would catch), and the headers
 // every reply carries.
+#include "layer_server.h"
 #include "testsupport.h"
 #include "webs/webs.h"
 #include "webs/webs_framing.h"
@@ -242,15 +243,12 @@ class Layer : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        signal(SIGPIPE, SIG_IGN);
         ts::reset_device_tree();
         ts::write_file("/mnt/www/page.html", "<p>page</p>");
-        ts::write_file("/mnt/routes.txt", "route uri=/action handler=action methods=GET|POST\n"
-                                          "route uri=/private handler=file methods=\n"
-                                          "route uri=/ handler=file methods=GET|HEAD\n");
-        ASSERT_EQ(0, websOpen("/mnt/www", "/mnt/routes.txt"));
-        port = ts::free_port();
-        ASSERT_GE(websListen(("http://127.0.0.1:" + std::to_string(port)).c_str()), 0);
+        ASSERT_TRUE(server.open("route uri=/action handler=action methods=GET|POST\n"
+                                "route uri=/private handler=file methods=\n"
+                                "route uri=/ handler=file methods=GET|HEAD\n"));
+        port = server.port();
         websDefineAction("json", [](Webs *wp) {
             websWrite(wp, "%s", "{}");
             websDone(wp);
@@ -263,14 +261,7 @@ protected:
         });
         websDefineAction("error", [](Webs *wp) { websError(wp, 403, "no"); });
         websDefineAction("silent", [](Webs *) {});
-        finished = 0;
-        loop = std::thread([this] { websServiceEvents(&finished); });
-    }
-    void TearDown() override
-    {
-        finished = 1;
-        loop.join();
-        websClose();
+        server.run();
     }
 
     std::string get(const std::string &target, const std::string &extra = "")
@@ -279,9 +270,8 @@ protected:
                             2000);
     }
 
+    ts::LayerServer server;
     int port = 0;
-    std::atomic<int> finished{1};
-    std::thread loop;
 };
 
 TEST_F(Layer, EveryKindOfReplyForbidsSniffingFramingAndReferrersAndActionRepliesAreNeverStored)

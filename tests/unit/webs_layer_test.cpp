@@ -142,23 +142,34 @@ protected:
     int port = 0;
 };
 
-// A later part that repeats the field and file name must not replace the first.
-TEST_F(Layer, FirstFilePartBecomesCurrentFileAndIsRemovedAfterTheRequest)
+// A two-part upload whose parts repeat the field and file name; the reply of echo.
+std::string upload_two_parts(int port, const std::string &first)
 {
     std::string part = "--XX\r\nContent-Disposition: form-data; name=\"f\"; filename=\"a.png\"\r\n"
                        "Content-Type: image/png\r\n\r\n";
-    std::string first = std::string(3000, 'q').replace(0, 1, 1, '\0');
     std::string body = part + first + "\r\n" + part + "second\r\n--XX--\r\n";
-    std::string reply =
-        ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\nContent-Type: "
-                           "multipart/form-data; boundary=XX\r\nContent-Length: " +
-                               std::to_string(body.size()) + "\r\n\r\n" + body);
+    return ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\nContent-Type: "
+                              "multipart/form-data; boundary=XX\r\nContent-Length: " +
+                                  std::to_string(body.size()) + "\r\n\r\n" + body);
+}
+
+// A later part must not replace the first.
+TEST_F(Layer, TheFirstFilePartBecomesTheCurrentFile)
+{
+    std::string first = std::string(3000, 'q').replace(0, 1, 1, '\0');
+    std::string reply = upload_two_parts(port, first);
     EXPECT_TRUE(reply.ends_with("\r\n\r\nPOST /action/echo [] 0 a.png,image/png,3000")) << reply;
     EXPECT_EQ(first, seen.file_content);
+}
+
+TEST_F(Layer, TheFilePartIsRemovedAfterTheRequest)
+{
+    std::string reply = upload_two_parts(port, "first");
+    ASSERT_TRUE(reply.ends_with(",5")) << "the part was stored: " << reply;
     EXPECT_EQ(0, ts::temp_files());
 }
 
-TEST_F(Layer, RefusalsAnswerWithTheirStatusAndAnEscapedPage)
+TEST_F(Layer, RoutingRefusalsAnswerWithTheirStatus)
 {
     const struct {
         const char *method, *path;
@@ -177,6 +188,10 @@ TEST_F(Layer, RefusalsAnswerWithTheirStatusAndAnEscapedPage)
         EXPECT_EQ(c.allow, r.headers["allow"]) << c.method << " " << c.path;
     }
     EXPECT_EQ(1, seen.silent_calls);
+}
+
+TEST_F(Layer, AnErrorPageEscapesItsMessage)
+{
     ts::HttpReply page = ts::http({.url = url("/action/refuse")});
     EXPECT_EQ(403, page.status);
     EXPECT_EQ("text/html; charset=utf-8", page.headers["content-type"]);

@@ -130,6 +130,8 @@ protected:
     void TearDown() override
     {
         init.stop(SIGKILL);  // unshare ignores SIGTERM while its child runs; SIGKILL ends the namespace
+        // The namespace's processes end after unshare: the next test must not meet this server.
+        EXPECT_TRUE(ts::wait_for_port("127.0.0.1", 8080, false));
         umount2("/run", MNT_DETACH);
     }
 
@@ -170,7 +172,8 @@ TEST_F(StartScript, StopEndsTheServerWithItsSupervisor)
     ASSERT_TRUE(ts::eventually([] { return ts::exists("/tmp/stopped"); }, 10000)) << init.log();
     EXPECT_TRUE(ts::eventually([&] { return processes_in(ns, kServer).empty(); }, 5000));
     EXPECT_TRUE(ts::eventually([&] { return processes_in(ns, "S50webserver supervise").empty(); }, 5000));
-    EXPECT_FALSE(ts::port_accepts("127.0.0.1", 8080));
+    // A server's threads may still be closing its files when its process has left the list.
+    EXPECT_TRUE(ts::wait_for_port("127.0.0.1", 8080, false));
     EXPECT_FALSE(ts::exists("/run/webserver.pid"));
 }
 

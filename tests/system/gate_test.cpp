@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <gtest/gtest.h>
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -67,56 +68,111 @@ TEST_F(Gate, EveryRequestGetsExactlyOneReplyOfTheRightForm)
               ts::status_line(ts::raw_http(8080, "GET /action/device HTTP/1.1\r\nHost: localhost\r\n\r\n", 500)));
 }
 
-TEST_F(Gate, DefaultAdminLogsInUsesTheSessionAndLogsOut)
+const std::string kAdminList = ts::params("Successfully to get params",
+                                          "[{\n\t\t\"user_name\":\t\"admin\",\n\t\t\"password\":\t\"" +
+                                              std::string(ts::kAdminDigest) + "\"\n\t}]");
+
+TEST_F(Gate, TheDefaultAdminsLoginOpensASession)
 {
-    const std::string admin_list = ts::params("Successfully to get params", "[{\n\t\t\"user_name\":\t\"admin\",\n\t\t"
-                                              "\"password\":\t\"" + std::string(ts::kAdminDigest) + "\"\n\t}]");
     ts::HttpReply r = dev->call("login", "", kLogin);
     std::string sid = r.body.substr(r.body.find("\"sessionid\":\t\"") + 14, 36);
     EXPECT_EQ("{\n\t\"Result\":\t\"OK\",\n\t\"Reason\":\t\"user login successfully\",\n\t\"sessionid\":\t\"" + sid +
                   "\"\n}",
               r.body);
-    EXPECT_EQ(admin_list, dev->call("get_user_param", "sessionid=" + sid).body);
-    // Refused logins open no session and, without a time-out, never ask the application.
+    EXPECT_EQ(kAdminList, dev->call("get_user_param", "sessionid=" + sid).body);
+}
+
+// The password is the digest, compared as it stands.
+TEST_F(Gate, AWrongPasswordOpensNoSession)
+{
+    for (const char *password : {"tavel", "45B5D899E8CBBF16302D286D2C2F8E9D"}) {
+        std::string body = R"({"username":"admin","password":")" + std::string(password) + R"(","timeout":600})";
+        EXPECT_EQ(fail("Invalid username or password"), dev->call("login", "", body).body) << password;
+    }
+}
+
+TEST_F(Gate, ALoginBodyWithoutATimeOutNeverAsksTheApplication)
+{
     const std::string asked = "request: {\"Command\":\"VerifyPassword\"";
     size_t before = ts::occurrences(dev->sim().log(), asked);
-    for (auto [body, reply] :
-         {std::pair{R"({"username":"admin","password":"tavel","timeout":600})", fail("Invalid username or password")},
-          {R"({"username":"admin","password":"45B5D899E8CBBF16302D286D2C2F8E9D","timeout":600})",
-           fail("Invalid username or password")},
-          {R"({"username":"admin","password":"45b5d899e8cbbf16302d286d2c2f8e9d"})", fail("Invalid input params")},
-          {"not json", fail("Invalid input params")}})
-        EXPECT_EQ(reply, dev->call("login", "", body).body) << body;
-    EXPECT_EQ(before + 2, ts::occurrences(dev->sim().log(), asked));
-    // Credentials in the query stand in for a session, for this request only.
-    EXPECT_EQ(admin_list, dev->call("get_user_param", std::string("username=admin&password=") + ts::kAdminDigest).body);
+    for (const char *body : {R"({"username":"admin","password":"45b5d899e8cbbf16302d286d2c2f8e9d"})", "not json"})
+        EXPECT_EQ(fail("Invalid input params"), dev->call("login", "", body).body) << body;
+    EXPECT_EQ(before, ts::occurrences(dev->sim().log(), asked));
+}
+
+// For that request only.
+TEST_F(Gate, CredentialsInTheQueryStandInForASession)
+{
+    EXPECT_EQ(kAdminList, dev->call("get_user_param", std::string("username=admin&password=") + ts::kAdminDigest).body);
     EXPECT_EQ(fail("Invalid username or password"), dev->call("get_user_param", "username=admin&password=tavel").body);
     EXPECT_EQ(coded(-16, "Session ID is empty"), dev->call("get_user_param", "username=admin").body);
+}
 
-    std::string logout = R"({"sessionid":")" + sid + "\"}";
-    EXPECT_EQ(ts::ok("Successfully to set params"), dev->call("logout", "", logout).body);
+TEST_F(Gate, LogoutEndsTheSession)
+{
+    std::string sid = dev->login();
+    EXPECT_EQ(ts::ok("Successfully to set params"), dev->call("logout", "", R"({"sessionid":")" + sid + "\"}").body);
     EXPECT_EQ(coded(-16, "Invalid session ID"), dev->call("get_user_param", "sessionid=" + sid).body);
+}
+
+TEST_F(Gate, ALogoutWithoutALiveSessionIsRefused)
+{
+    std::string sid = dev->login();
+    std::string logout = R"({"sessionid":")" + sid + "\"}";
+    ASSERT_EQ(ts::ok("Successfully to set params"), dev->call("logout", "", logout).body);
     EXPECT_EQ(fail("Invalid session id"), dev->call("logout", "", logout).body);
     EXPECT_EQ(fail("Invalid input params"), dev->call("logout", "", "{}").body);
-    ASSERT_TRUE(dev->sim().freeze());  // a hung account application: the login waits out the exchange
+}
+
+// The login waits out the exchange with the account application.
+TEST_F(Gate, AHungAccountApplicationTimesTheLoginOut)
+{
+    struct Resume {
+        ~Resume() { kill(dev->sim().pid(), SIGCONT); }
+    } resume;
+    ASSERT_TRUE(dev->sim().freeze());
     EXPECT_EQ(coded(504, "Connection service timed out"), dev->call("login", "", kLogin).body);
-    kill(dev->sim().pid(), SIGCONT);
 }
 
 // Sessions count whole seconds of the monotonic clock: one of 2 seconds made in second S is
-// alive in S + 2 and gone in S + 3; a use in S + 1 keeps it to S + 3.
-TEST_F(Gate, UseKeepsASessionAliveTheProbeDoesNotAndTimeOutsBelowOneLastHalfAnHour)
+// alive in S + 2 and gone in S + 3; a use in S + 1 keeps it to S + 3. The suite makes four
+// sessions in S, uses one and probes another in S + 1, and keeps what S + 3 showed.
+class SessionTimeOuts : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        ts::Device dev;
+        long long made = ts::fresh_second();
+        std::string probed = dev.login(2), used = dev.login(2), zero = dev.login(0), negative = dev.login(-5);
+        ASSERT_EQ(made, ts::monotonic_seconds()) << "the logins took a second";
+        ts::wait_for_second(made + 1);
+        probed_in_s1 = dev.call("detection_sessionid", "sessionid=" + probed).body;
+        used_in_s1 = dev.call("get_user_param", "sessionid=" + used).body;
+        ts::wait_for_second(made + 3);
+        for (auto [name, id] : {std::pair{"probed", probed}, {"used", used}, {"zero", zero}, {"negative", negative}})
+            in_s3[name] = dev.call("detection_sessionid", "sessionid=" + id).body;
+    }
+
+    static inline std::string probed_in_s1, used_in_s1;
+    static inline std::map<std::string, std::string> in_s3;  // the probe's reply for each session
+};
+
+TEST_F(SessionTimeOuts, AUseKeepsASessionAlive)
 {
-    long long made = ts::fresh_second();
-    std::string probed = dev->login(2), used = dev->login(2), zero = dev->login(0), negative = dev->login(-5);
-    ASSERT_EQ(made, ts::monotonic_seconds()) << "the logins took a second";
-    ts::wait_for_second(made + 1);
-    EXPECT_EQ(ts::plain_ok(), dev->call("detection_sessionid", "sessionid=" + probed).body);
-    EXPECT_NE(std::string::npos, dev->call("get_user_param", "sessionid=" + used).body.find("admin"));
-    ts::wait_for_second(made + 3);
-    EXPECT_EQ(coded(-16, "Invalid session ID"), dev->call("detection_sessionid", "sessionid=" + probed).body);
-    for (const std::string &live : {used, zero, negative})
-        EXPECT_EQ(ts::plain_ok(), dev->call("detection_sessionid", "sessionid=" + live).body);
+    EXPECT_NE(std::string::npos, used_in_s1.find("admin")) << used_in_s1;
+    EXPECT_EQ(ts::plain_ok(), in_s3["used"]);
+}
+
+TEST_F(SessionTimeOuts, TheProbeDoesNotKeepASessionAlive)
+{
+    EXPECT_EQ(ts::plain_ok(), probed_in_s1);
+    EXPECT_EQ(coded(-16, "Invalid session ID"), in_s3["probed"]);
+}
+
+TEST_F(SessionTimeOuts, TimeOutsBelowOneLastHalfAnHour)
+{
+    EXPECT_EQ(ts::plain_ok(), in_s3["zero"]);
+    EXPECT_EQ(ts::plain_ok(), in_s3["negative"]);
 }
 
 TEST(GateWithoutPasswordRoute, NobodyGetsIn)

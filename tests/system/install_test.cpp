@@ -42,7 +42,7 @@ bool is_executable_file(const std::string &path)
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & S_IXUSR);
 }
 
-TEST_F(Install, StagedTreeHoldsTheDeviceFilesAndServesAsItIs)
+TEST_F(Install, TheStagedTreeHoldsTheDeviceFiles)
 {
     for (const char *program : {"/mnt/app/bin/webserver", "/etc/init.d/S50webserver"})
         EXPECT_TRUE(is_executable_file(kStage + std::string(program))) << program;
@@ -55,11 +55,14 @@ TEST_F(Install, StagedTreeHoldsTheDeviceFilesAndServesAsItIs)
         EXPECT_TRUE(fs::is_directory(kStage + std::string(dir))) << dir;
         EXPECT_TRUE(fs::is_empty(kStage + std::string(dir))) << dir << " holds the demo's files";
     }
+    EXPECT_FALSE(ts::exists(kStage + std::string("/mnt/app/web_root/login.html"))) << "the device keeps only the gzip copies";
+}
 
+TEST_F(Install, TheStagedTreeServesAsItIs)
+{
     ts::write_file(ts::kPortFile, "{\n\t\"Port\":\t8080\n}");  // a device without one stores 80
     ts::Process server({kServer, "8080", "lo"}, "/tmp/webserver.log");
     ASSERT_TRUE(ts::wait_for_port("127.0.0.1", 8080, true)) << server.log();
-    EXPECT_FALSE(ts::exists("/mnt/app/web_root/login.html")) << "the device keeps only the gzip copies";
     ts::HttpReply page = ts::http({.url = ts::local_url(8080, "/"), .headers = {"Accept-Encoding: gzip"}});
     EXPECT_EQ(200, page.status);
     EXPECT_EQ("gzip", page.headers["content-encoding"]);
@@ -104,29 +107,48 @@ std::vector<pid_t> processes_in(const std::string &ns, const std::string &text)
     return found;
 }
 
-TEST_F(Install, StartScriptStartsTheServerAgainWhenItEndsAndStopEndsServerAndSupervisor)
-{
-    // The script keeps its supervisor's pid in /var/run; the test's own, not the machine's.
-    ASSERT_EQ(0, mount("tmpfs", "/run", "tmpfs", 0, "mode=0755")) << strerror(errno);
-    struct Unmount {
-        ~Unmount() { umount2("/run", MNT_DETACH); }
-    } unmount;
-    ts::write_file(ts::kPortFile, "{\n\t\"Port\":\t8080\n}");  // the stored port wins over 80
-    ASSERT_EQ(0, mkfifo("/tmp/control", 0600));
+// The staged start script run as a device's init runs it: started, then stopped once the
+// test writes a word into /tmp/control. Everything it starts lives in a pid namespace of its
+// own, which ends with the test whatever happens: no supervisor outlives it.
+class StartScript : public Install {
+protected:
+    void SetUp() override
+    {
+        Install::SetUp();
+        // The script keeps its supervisor's pid in /var/run; the test's own, not the machine's.
+        ASSERT_EQ(0, mount("tmpfs", "/run", "tmpfs", 0, "mode=0755")) << strerror(errno);
+        ts::write_file(ts::kPortFile, "{\n\t\"Port\":\t8080\n}");  // the stored port wins over 80
+        ASSERT_EQ(0, mkfifo("/tmp/control", 0600));
+        init = ts::Process({"/usr/bin/unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/sh", "-c",
+                            "sh \"$0\" start && read word </tmp/control && sh \"$0\" stop && : >/tmp/stopped && "
+                            "exec sleep 600",
+                            script()},
+                           "/tmp/init.log");
+        ASSERT_TRUE(ts::wait_for_port("127.0.0.1", 8080, true, 10000)) << init.log() << ts::read_file("/tmp/syslog.log");
+        ns = pid_namespace_of_children(init.pid());
+    }
+    void TearDown() override
+    {
+        init.stop(SIGKILL);  // unshare ignores SIGTERM while its child runs; SIGKILL ends the namespace
+        // The namespace's processes end after unshare: the next test must not meet this server.
+        EXPECT_TRUE(ts::wait_for_port("127.0.0.1", 8080, false));
+        umount2("/run", MNT_DETACH);
+    }
 
-    // Everything the script starts lives in a pid namespace of its own, which ends with the
-    // test whatever happens: no supervisor outlives it.
-    ts::Process init({"/usr/bin/unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/sh", "-c",
-                      "sh \"$0\" start && read word </tmp/control && sh \"$0\" stop && : >/tmp/stopped && "
-                      "exec sleep 600",
-                      script()},
-                     "/tmp/init.log");
-    ASSERT_TRUE(ts::wait_for_port("127.0.0.1", 8080, true, 10000)) << init.log() << ts::read_file("/tmp/syslog.log");
-    std::string ns = pid_namespace_of_children(init.pid());
+    ts::Process init;
+    std::string ns;
+};
+
+TEST_F(StartScript, StartsTheServerWithItsSupervisor)
+{
+    EXPECT_EQ(1u, processes_in(ns, kServer).size());
+    EXPECT_EQ(1u, processes_in(ns, "S50webserver supervise").size());
+}
+
+TEST_F(StartScript, TheSupervisorStartsTheServerAgainWhenItEnds)
+{
     std::vector<pid_t> first = processes_in(ns, kServer);
     ASSERT_EQ(1u, first.size());
-    EXPECT_EQ(1u, processes_in(ns, "S50webserver supervise").size());
-
     ASSERT_EQ(0, kill(first[0], SIGKILL));
     EXPECT_TRUE(ts::eventually(
         [&] {
@@ -137,7 +159,10 @@ TEST_F(Install, StartScriptStartsTheServerAgainWhenItEndsAndStopEndsServerAndSup
         << ts::read_file("/tmp/syslog.log");
     EXPECT_NE(std::string::npos, ts::read_file("/tmp/syslog.log").find("webserver ended (status 137), starting it again"));
     EXPECT_EQ(200, ts::http({.url = ts::local_url(8080, "/login.html"), .headers = {"Accept-Encoding: gzip"}}).status);
+}
 
+TEST_F(StartScript, StopEndsTheServerWithItsSupervisor)
+{
     {
         int fd = open("/tmp/control", O_WRONLY | O_CLOEXEC);
         ASSERT_GE(fd, 0);
@@ -147,9 +172,9 @@ TEST_F(Install, StartScriptStartsTheServerAgainWhenItEndsAndStopEndsServerAndSup
     ASSERT_TRUE(ts::eventually([] { return ts::exists("/tmp/stopped"); }, 10000)) << init.log();
     EXPECT_TRUE(ts::eventually([&] { return processes_in(ns, kServer).empty(); }, 5000));
     EXPECT_TRUE(ts::eventually([&] { return processes_in(ns, "S50webserver supervise").empty(); }, 5000));
-    EXPECT_FALSE(ts::port_accepts("127.0.0.1", 8080));
+    // A server's threads may still be closing its files when its process has left the list.
+    EXPECT_TRUE(ts::wait_for_port("127.0.0.1", 8080, false));
     EXPECT_FALSE(ts::exists("/run/webserver.pid"));
-    init.stop(SIGKILL);  // unshare ignores SIGTERM while its child runs; SIGKILL ends the namespace
 }
 
 }  // namespace

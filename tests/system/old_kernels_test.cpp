@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <regex>
 #include <set>
 #include <sys/mount.h>
@@ -25,22 +26,35 @@ ts::HttpReply get(const std::string &path, const std::vector<std::string> &heade
     return ts::http({.url = ts::local_url(8080, path), .headers = headers});
 }
 
-TEST(OldKernels, WithoutGetrandomAndOpenat2SessionIdsStayRandomAndDocumentsStayInsideTheRoot)
+// The device with a server that finds neither getrandom nor openat2; without openat2 every
+// document is looked up through realpath.
+class WithoutGetrandomOrOpenat2 : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        dev = std::make_unique<ts::Device>("", "", 8080, without("getrandom,openat2"));
+        ASSERT_EQ(0, symlink("20240501/080000.mp4", "/mnt/app/web_root/sd/latest.mp4"));
+        ASSERT_EQ(0, symlink("/mnt", "/mnt/app/web_root/out"));
+        ASSERT_EQ(0, symlink("config", "/mnt/app/web_root/pub"));
+    }
+    static void TearDownTestSuite() { dev.reset(); }
+    static inline std::unique_ptr<ts::Device> dev;
+};
+
+TEST_F(WithoutGetrandomOrOpenat2, SessionIdsStayRandom)
 {
-    ts::Device dev("", "", 8080, without("getrandom,openat2"));
     std::set<std::string> ids;
     for (int i = 0; i < 8; ++i) {
-        std::string id = dev.login();
-        EXPECT_TRUE(is_session_id(id)) << "[" << id << "] " << dev.server().log();
+        std::string id = dev->login();
+        EXPECT_TRUE(is_session_id(id)) << "[" << id << "] " << dev->server().log();
         ids.insert(id);
     }
     EXPECT_EQ(8u, ids.size());
-    EXPECT_EQ(ts::plain_ok(), dev.call("detection_sessionid", "sessionid=" + *ids.begin()).body);
+    EXPECT_EQ(ts::plain_ok(), dev->call("detection_sessionid", "sessionid=" + *ids.begin()).body);
+}
 
-    // Without openat2 every document is looked up through realpath.
-    ASSERT_EQ(0, symlink("20240501/080000.mp4", "/mnt/app/web_root/sd/latest.mp4"));
-    ASSERT_EQ(0, symlink("/mnt", "/mnt/app/web_root/out"));
-    ASSERT_EQ(0, symlink("config", "/mnt/app/web_root/pub"));
+TEST_F(WithoutGetrandomOrOpenat2, DocumentsAreServed)
+{
     std::string page = ts::read_file("/mnt/app/web_root/login.html");
     EXPECT_EQ(page, get("/").body);
     EXPECT_EQ(page, get("/login.html").body);
@@ -48,6 +62,10 @@ TEST(OldKernels, WithoutGetrandomAndOpenat2SessionIdsStayRandomAndDocumentsStayI
     ts::HttpReply part = get("/sd/latest.mp4", {"Range: bytes=4-11"});
     EXPECT_EQ(206, part.status);
     EXPECT_EQ(recording.substr(4, 8), part.body);
+}
+
+TEST_F(WithoutGetrandomOrOpenat2, DocumentsStayInsideTheRoot)
+{
     for (const char *refused : {"/out/app/web_root/config/auth.txt", "/pub/route.txt", "/config/route.txt",
                                 "/sd/../../app/web_root/config/auth.txt", "/missing.html"}) {
         ts::HttpReply r = get(refused);

@@ -87,17 +87,24 @@ TEST_F(Precompressed, TheCompressedFileGoesOnlyToClientsWhoseAcceptEncodingAdmit
     EXPECT_EQ("", plain_only.headers["vary"]);
 }
 
-TEST_F(Precompressed, ACompressedCopyAloneServesGzipClientsIndexPagesIncludedAnd404sTheOthers)
+TEST_F(Precompressed, ACompressedCopyAloneServesGzipClients)
 {
     ts::HttpReply css = get("/css/only.css", {"Accept-Encoding: gzip"});
     EXPECT_EQ(200, css.status);
     EXPECT_EQ("packed css only", css.body);
     EXPECT_EQ("text/css", css.headers["content-type"]);
     EXPECT_EQ("gzip", css.headers["content-encoding"]);
+}
+
+TEST_F(Precompressed, ACompressedCopyAloneIs404ToOtherClients)
+{
     EXPECT_EQ(404, get("/css/only.css").status);
     EXPECT_EQ(404, get("/css/only.css", {"Accept-Encoding: gzip;q=0"}).status);
+}
 
-    // The root and a folder stand for their index page, compressed or not.
+// The root and a folder stand for their index page, compressed or not.
+TEST_F(Precompressed, AnIndexPageMayBeACompressedCopy)
+{
     EXPECT_EQ("packed login page", get("/", {"Accept-Encoding: gzip"}).body);
     EXPECT_EQ(ts::read_file(std::string(kRoot) + "/login.html"), get("/").body);
     ts::HttpReply folder = get("/pages/", {"Accept-Encoding: gzip"});
@@ -107,15 +114,18 @@ TEST_F(Precompressed, ACompressedCopyAloneServesGzipClientsIndexPagesIncludedAnd
     EXPECT_EQ(404, get("/pages/").status);
 }
 
-TEST_F(Precompressed, HeadRangesAndIfModifiedSinceApplyToTheCompressedFile)
+TEST_F(Precompressed, HeadDescribesTheCompressedFile)
 {
-    const std::string packed = kPacked;
     ts::HttpReply head = get("/js/app.js", {"Accept-Encoding: gzip"}, "HEAD");
     EXPECT_EQ(200, head.status);
     EXPECT_EQ("", head.body);
-    EXPECT_EQ(std::to_string(packed.size()), head.headers["content-length"]);
+    EXPECT_EQ(std::to_string(std::string(kPacked).size()), head.headers["content-length"]);
     EXPECT_EQ("gzip", head.headers["content-encoding"]);
+}
 
+TEST_F(Precompressed, RangesCountInTheCompressedFile)
+{
+    const std::string packed = kPacked;
     ts::HttpReply part = get("/js/app.js", {"Accept-Encoding: gzip", "Range: bytes=2-7"});
     EXPECT_EQ(206, part.status);
     EXPECT_EQ(packed.substr(2, 6), part.body);
@@ -124,24 +134,34 @@ TEST_F(Precompressed, HeadRangesAndIfModifiedSinceApplyToTheCompressedFile)
     ts::HttpReply beyond = get("/js/app.js", {"Accept-Encoding: gzip", "Range: bytes=500-"});
     EXPECT_EQ(416, beyond.status);
     EXPECT_EQ("bytes */" + std::to_string(packed.size()), beyond.headers["content-range"]);
+}
 
-    ts::HttpReply cached = get("/js/app.js", {"Accept-Encoding: gzip", "If-Modified-Since: " + head.headers["last-modified"]});
+TEST_F(Precompressed, IfModifiedSinceAppliesToTheCompressedFile)
+{
+    std::string modified = get("/js/app.js", {"Accept-Encoding: gzip"}).headers["last-modified"];
+    ts::HttpReply cached = get("/js/app.js", {"Accept-Encoding: gzip", "If-Modified-Since: " + modified});
     EXPECT_EQ(304, cached.status);
     EXPECT_EQ("Accept-Encoding", cached.headers["vary"]);
     EXPECT_EQ(200, get("/js/app.js", {"Accept-Encoding: gzip", "If-Modified-Since: Thu, 01 Jan 1998 00:00:00 GMT"}).status);
 }
 
-TEST_F(Precompressed, ACompressedNameNeverLeadsOutOfTheRootIntoThePrivateFolderOrToAFolder)
+TEST_F(Precompressed, APrivateFolderStaysPrivateInBothForms)
 {
-    // A private folder stays private in both forms.
     ts::HttpReply secret = get("/config/device.json", {"Accept-Encoding: gzip"});
     EXPECT_TRUE(secret.status == 403 || secret.status == 404) << secret.status;
     EXPECT_EQ(std::string::npos, secret.body.find("private"));
-    // A compressed name that is a link out of the root is passed over for the plain file.
+}
+
+TEST_F(Precompressed, ACompressedNameLinkingOutOfTheRootIsPassedOver)
+{
     ts::HttpReply note = get("/sd/note.txt", {"Accept-Encoding: gzip"});
     EXPECT_EQ("plain note", note.body);
     EXPECT_EQ("", note.headers["content-encoding"]);
-    // A folder named like a compressed copy is not one, and never stands for its index page.
+}
+
+// Nor does such a folder stand for its index page.
+TEST_F(Precompressed, AFolderNamedLikeACompressedCopyIsNotOne)
+{
     ts::HttpReply logo = get("/img/logo.svg", {"Accept-Encoding: gzip"});
     EXPECT_EQ("<svg/>", logo.body);
     EXPECT_EQ("", logo.headers["content-encoding"]);

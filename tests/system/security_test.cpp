@@ -50,38 +50,56 @@ TEST_F(Security, TheSixthWrongPasswordFromOneAddressNeverReachesTheApplication)
     EXPECT_NE(std::string::npos, owner.body.find("user login successfully")) << owner.body;
 }
 
-TEST_F(Security, AnotherHostNameOrACrossSitePostIsRefusedBeforeRouting)
+std::string status_of(const std::string &request) { return ts::status_line(ts::raw_http(8080, request, 2000)); }
+
+// A page whose DNS name was rebound to the device.
+TEST_F(Security, AnotherHostNameGets421)
 {
-    auto status = [](const std::string &request) { return ts::status_line(ts::raw_http(8080, request, 2000)); };
     EXPECT_EQ("HTTP/1.1 421 Misdirected Request",
-              status("GET /login.html HTTP/1.1\r\nHost: attacker.example\r\nConnection: close\r\n\r\n"));
+              status_of("GET /login.html HTTP/1.1\r\nHost: attacker.example\r\nConnection: close\r\n\r\n"));
     EXPECT_EQ("HTTP/1.1 421 Misdirected Request",
-              status("GET /action/device/get_Language_Format HTTP/1.1\r\nHost: attacker.example:8080\r\n\r\n"));
-    EXPECT_EQ("HTTP/1.1 200 OK", status("GET /login.html HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nConnection: close\r\n\r\n"));
+              status_of("GET /action/device/get_Language_Format HTTP/1.1\r\nHost: attacker.example:8080\r\n\r\n"));
+    EXPECT_EQ("HTTP/1.1 200 OK",
+              status_of("GET /login.html HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nConnection: close\r\n\r\n"));
+}
+
+TEST_F(Security, ACrossSitePostGets403BeforeItChangesAnything)
+{
     const std::string language = "POST /action/device/set_Language_Format HTTP/1.1\r\nHost: 127.0.0.1:8080\r\n"
                                  "Content-Type: text/plain\r\nConnection: close\r\nContent-Length: 33\r\n";
     const std::string body = R"({"language":"english","mode":0})" "\r\n";
-    EXPECT_EQ("HTTP/1.1 403 Forbidden", status(language + "Origin: http://attacker.example\r\n\r\n" + body));
-    EXPECT_EQ("HTTP/1.1 403 Forbidden", status(language + "Origin: null\r\n\r\n" + body));
+    EXPECT_EQ("HTTP/1.1 403 Forbidden", status_of(language + "Origin: http://attacker.example\r\n\r\n" + body));
+    EXPECT_EQ("HTTP/1.1 403 Forbidden", status_of(language + "Origin: null\r\n\r\n" + body));
     EXPECT_NE(std::string::npos, dev->call("get_Language_Format").body.find("chinese")) << "nothing was changed";
-    EXPECT_EQ("HTTP/1.1 200 OK", status(language + "Origin: http://127.0.0.1:8080\r\n\r\n" + body));
+    EXPECT_EQ("HTTP/1.1 200 OK", status_of(language + "Origin: http://127.0.0.1:8080\r\n\r\n" + body));
     EXPECT_NE(std::string::npos, dev->call("get_Language_Format").body.find("english"));
 }
 
-TEST_F(Security, ARequestWhoseEndIsInDoubtGets400AndLosesItsConnection)
+// Requests whose end is in doubt, each hiding a second request.
+std::vector<std::string> doubtful_requests()
 {
     const std::string hidden = "GET /login.html HTTP/1.1\r\nHost: localhost\r\n\r\n";
     const std::string head = "POST /action/device/get_Language_Format HTTP/1.1\r\nHost: localhost\r\n";
-    const std::string shapes[] = {
+    return {
         head + "Content-Length: 0\r\nContent-Length: " + std::to_string(hidden.size()) + "\r\n\r\n" + hidden,
         head + "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + hidden,
         head + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" + hidden,
         head + "X-Folded: a\r\n b c\r\n\r\n" + hidden,
     };
-    for (const std::string &shape : shapes) {
-        std::string reply = ts::raw_http(8080, shape, 2000);
-        EXPECT_EQ("HTTP/1.1 400 Bad Request", ts::status_line(reply)) << shape;
-        EXPECT_EQ(1u, ts::occurrences(reply, "HTTP/1.1 ")) << "the hidden request is never answered:\n" << reply;
+}
+
+TEST_F(Security, ARequestWhoseEndIsInDoubtGets400)
+{
+    for (const std::string &request : doubtful_requests())
+        EXPECT_EQ("HTTP/1.1 400 Bad Request", ts::status_line(ts::raw_http(8080, request, 2000))) << request;
+}
+
+// The connection is closed with the 400.
+TEST_F(Security, TheRequestHiddenBehindItIsNeverAnswered)
+{
+    for (const std::string &request : doubtful_requests()) {
+        std::string reply = ts::raw_http(8080, request, 2000);
+        EXPECT_EQ(1u, ts::occurrences(reply, "HTTP/1.1 ")) << request << "\n" << reply;
     }
 }
 

@@ -43,23 +43,39 @@ protected:
     static inline std::unique_ptr<ts::Process> server;
 };
 
-TEST_F(Serving, RootServesTheLoginPageHeadItsHeadersAnUnchangedPage304AndTypesByExtension)
+TEST_F(Serving, TheRootServesTheLoginPage)
 {
-    std::string page = ts::read_file("/mnt/app/web_root/login.html");
     ts::HttpReply r = get("/");
-    EXPECT_EQ(page, r.body);
+    EXPECT_EQ(ts::read_file("/mnt/app/web_root/login.html"), r.body);
     EXPECT_EQ("text/html; charset=utf-8", r.headers["content-type"]);
     EXPECT_EQ("nosniff", r.headers["x-content-type-options"]);
+}
+
+TEST_F(Serving, HeadAnswersTheHeadersAlone)
+{
     ts::HttpReply h = ts::http({.method = "HEAD", .url = ts::local_url(port, "/login.html")});
     EXPECT_EQ(200, h.status);
     EXPECT_EQ("", h.body);
-    EXPECT_EQ(std::to_string(page.size()), h.headers["content-length"]);
-    ts::HttpReply again = get("/login.html", {"If-Modified-Since: " + h.headers["last-modified"]});
+    EXPECT_EQ(std::to_string(ts::read_file("/mnt/app/web_root/login.html").size()), h.headers["content-length"]);
+}
+
+TEST_F(Serving, AnUnchangedPageGets304)
+{
+    std::string modified = get("/login.html").headers["last-modified"];
+    ts::HttpReply again = get("/login.html", {"If-Modified-Since: " + modified});
     EXPECT_EQ(304, again.status);
     EXPECT_EQ("", again.body);
     EXPECT_EQ(200, get("/login.html", {"If-Modified-Since: Thu, 01 Jan 1998 00:00:00 GMT"}).status);
+}
+
+TEST_F(Serving, NeitherFoldersNorMissingFilesAreServed)
+{
     for (const char *missing : {"/sd/", "/sd", "/missing.html"})  // folders are not listed
         EXPECT_EQ(404, get(missing).status) << missing;
+}
+
+TEST_F(Serving, TheTypeFollowsTheExtension)
+{
     for (auto [name, type] : {std::pair{"a.js", "application/javascript"}, {"a.JPEG", "image/jpeg"},
                               {"a.h265", "video/h265"}, {"noext", "application/octet-stream"}}) {
         ts::write_file(std::string("/mnt/app/web_root/types/") + name, "x");
@@ -67,7 +83,7 @@ TEST_F(Serving, RootServesTheLoginPageHeadItsHeadersAnUnchangedPage304AndTypesBy
     }
 }
 
-TEST_F(Serving, ByteRangesOfARecordingAndNearTheEndOfAFileOver4GiB)
+TEST_F(Serving, ByteRangesOfARecording)
 {
     const std::string path = "/sd/20240501/080000.mp4";
     std::string whole = ts::read_file("/mnt/app/web_root" + path);
@@ -94,6 +110,10 @@ TEST_F(Serving, ByteRangesOfARecordingAndNearTheEndOfAFileOver4GiB)
         EXPECT_EQ(c.content_range, r.headers["content-range"]) << c.range;
         EXPECT_TRUE(c.status == 416 || c.body == r.body) << c.range;
     }
+}
+
+TEST_F(Serving, ARangeNearTheEndOfAFileOver4GiB)
+{
     UniqueFd fd(open("/mnt/app/web_root/sd/huge.h264", O_WRONLY | O_CREAT | O_TRUNC, 0644));
     ASSERT_EQ(0, ftruncate(fd.get(), 5LL << 30));
     ASSERT_EQ(4, pwrite(fd.get(), "TAIL", 4, (5LL << 30) - 4));
@@ -124,20 +144,30 @@ TEST_F(Serving, NoPathLeavesTheRootOrReachesThePrivateFolder)
     EXPECT_EQ(200, get("/sd/latest.mp4").status);  // a link that stays inside the root
 }
 
-TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
+TEST_F(Serving, ATargetOver2048BytesGets414)
 {
     std::string target = "/action/device/login?pad=";
     target += std::string(2048 - target.size(), 'a');
     EXPECT_EQ(200, get(target).status);
     EXPECT_EQ(414, get(target + "a").status);
     EXPECT_EQ(414, get(target + std::string(100000, 'a')).status);  // refused by the HTTP engine itself
-    EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large",
-              ts::status_line(
-                  ts::raw_http(port, "GET / HTTP/1.1\r\nHost: localhost\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n")));
-    // An action that needs no caller takes a JSON text, in memory only.
+}
+
+TEST_F(Serving, HeadersTooLargeForTheConnectionGet431)
+{
+    std::string head = "GET / HTTP/1.1\r\nHost: localhost\r\nX-Pad: " + std::string(70000, 'b') + "\r\n\r\n";
+    EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large", ts::status_line(ts::raw_http(port, head)));
+}
+
+// An action that needs no caller takes a JSON text, in memory only.
+TEST_F(Serving, AJsonBodyOver64KiBGets413)
+{
     EXPECT_EQ("HTTP/1.1 413 Content Too Large",
               ts::status_line(ts::raw_http(port, head_of_body("POST", "/action/device/login", 65537))));
+}
 
+TEST_F(Serving, AnUploadOver4MiBGets413WithOrWithoutItsLength)
+{
     ts::write_file("/tmp/big.png", std::string(4 * 1024 * 1024 + 1, 'p'));
     ts::HttpRequest req{.method = "POST",
                         .url = ts::local_url(port, "/action/device/upload_Image?username=admin&password=" +
@@ -149,7 +179,6 @@ TEST_F(Serving, OversizedTargetsHeadersAndBodiesAreRefusedWithTheirStatus)
     EXPECT_EQ(0, ts::temp_files());
 }
 
-
 // Bytes of data the server took before it closed the connection (all when it never did).
 size_t send_all(const UniqueFd &fd, const std::string &data)
 {
@@ -159,7 +188,7 @@ size_t send_all(const UniqueFd &fd, const std::string &data)
     return off;
 }
 
-TEST_F(Serving, ABodyNobodyUsesIsDroppedAndNeverRead)
+TEST_F(Serving, TheServerStopsTakingABodyNobodyUses)
 {
     UniqueFd document = ts::connect_from("127.0.0.1", port);
     send_all(document, head_of_body("GET", "/login.html", 1ull << 40));

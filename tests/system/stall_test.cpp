@@ -72,7 +72,7 @@ TEST_F(Stall, ASilentApplicationHoldsUpOnlyItsOwnExchanges)
     EXPECT_EQ(coded(504, "Connection service timed out"), hung.body);
 }
 
-TEST_F(Stall, CommandsToOneApplicationArriveInOrderAndEachGetsItsReply)
+TEST_F(Stall, CommandsToOneApplicationAreServedInArrivalOrder)
 {
     std::vector<ts::HttpReply> replies(3);
     std::vector<std::thread> clients;

@@ -62,7 +62,11 @@ void plant_old_images()
 
 class Watermark : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { dev = std::make_unique<ts::Device>(); }
+    static void SetUpTestSuite()
+    {
+        dev = std::make_unique<ts::Device>();
+        sid = dev->login();
+    }
     static void TearDownTestSuite() { dev.reset(); }
 
     static ts::HttpReply upload(const std::string &query, const std::string &picture, const std::string &type)
@@ -72,66 +76,112 @@ protected:
                          .upload_path = "/tmp/picture", .upload_name = "picture", .upload_type = type});
     }
 
+    struct Case {
+        std::string picture, type, file_name, reply, stored;  // stored: the one file left, "" when refused
+    };
+    // Each upload over the old images: a stored one is left alone, a refused one changes nothing.
+    static void expect_uploads(std::initializer_list<Case> cases)
+    {
+        for (const Case &c : cases) {
+            plant_old_images();
+            std::string query = "sessionid=" + sid + (c.file_name.empty() ? "" : "&fileName=" + c.file_name);
+            EXPECT_EQ(c.reply, upload(query, c.picture, c.type).body) << c.file_name;
+            EXPECT_EQ(c.stored.empty() ? kOldImages : std::set<std::string>{c.stored}, watermark_files()) << c.file_name;
+            EXPECT_TRUE(c.stored.empty() || ts::read_file(kWatermark + c.stored) == c.picture) << c.file_name;
+            EXPECT_TRUE(!c.stored.empty() || ts::read_file(kWatermark + "old.png") == "old") << c.file_name;
+        }
+    }
+    static std::string too_large(const std::string &current)
+    {
+        return coded(-1, "Upload file failed! MAX picture[1920x1080],Current picture[" + current + "] \n");
+    }
+
     static inline std::unique_ptr<ts::Device> dev;
+    static inline std::string sid;
+    static inline const std::string ok = ts::plain_ok(), bad_name = coded(-1, "Invalid upload file name"),
+                                    bad_type = coded(-1, "Invalid upload file type, Only support: .jpg .png .bmp"),
+                                    sizes = coded(-1, "Upload files up to size  MAX:1M  MIN:1K");
 };
 
-TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
+TEST_F(Watermark, AStoredPictureReplacesEveryOldFile)
 {
-    std::string sid = dev->login();
-    const std::string ok = ts::plain_ok(), sizes = coded(-1, "Upload files up to size  MAX:1M  MIN:1K"),
-                      bad_name = coded(-1, "Invalid upload file name"), name254 = std::string(250, 'n') + ".jpg",
-                      bad_type = coded(-1, "Invalid upload file type, Only support: .jpg .png .bmp");
-    auto too_large = [](const std::string &current) {
-        return coded(-1, "Upload file failed! MAX picture[1920x1080],Current picture[" + current + "] \n");
-    };
-    std::string png_bad_head = png(640, 480), png_bad_tail = png(640, 480);
-    png_bad_head[1] = 'p';
-    png_bad_tail[6] = '\n';
-    const struct {
-        std::string picture, type, file_name, reply, stored;
-    } cases[] = {
-        {png(1920, 1080, 1024), "image/png", "a%20b.png", ok, "a b.png"},  // smallest size, largest PNG
+    expect_uploads({
+        {png(1920, 1080, 1024), "image/png", "a%20b.png", ok, "a b.png"},
+        {jpeg(), "image/jpeg", "photo.jpeg", ok, "photo.jpeg"},
+        {bmp(1920, 1080), "image/bmp", "logo.bmp", ok, "logo.bmp"},
+        {jpeg(), "image/jpeg", "UPPER.JPG", ok, "UPPER.JPG"},
+    });
+}
+
+TEST_F(Watermark, ThePictureMustWeighBetweenOneKilobyteAndItsLimit)
+{
+    expect_uploads({
         {png(640, 480, 1023), "image/png", "small.png", sizes, ""},
         {jpeg(2073600), "image/jpeg", "big.jpg", ok, "big.jpg"},
         {jpeg(2073601), "image/jpeg", "big.jpg", sizes, ""},
+    });
+}
+
+TEST_F(Watermark, APngOrBmpMustFitIn1920By1080)
+{
+    expect_uploads({
         {png(1921, 1080), "image/png", "w.png", too_large("1921x1080"), ""},
         {png(1920, 1081), "image/png", "h.png", too_large("1920x1081"), ""},
         {png(0, 1080), "image/png", "z.png", too_large("0x1080"), ""},
-        {png_bad_head, "image/png", "s.png", coded(-1, "Upload file failed! png format error!\n"), ""},
-        {png_bad_tail, "image/png", "s.png", coded(-1, "Upload png file failed"), ""},
-        {jpeg(), "image/jpeg", "photo.jpeg", ok, "photo.jpeg"},
-        {bmp(1920, 1080), "image/bmp", "logo.bmp", ok, "logo.bmp"},
         {bmp(640, -480), "image/bmp", "td.bmp", too_large("640x-480"), ""},  // stored top-down
-        {png(640, 480), "image/gif", "anim.gif", coded(-1, "Invalid upload file type, Only support: .jpg .png .bmp"),
-         ""},
+    });
+}
+
+TEST_F(Watermark, APngWithABrokenSignatureIsRefused)
+{
+    std::string bad_head = png(640, 480), bad_tail = png(640, 480);
+    bad_head[1] = 'p';
+    bad_tail[6] = '\n';
+    expect_uploads({
+        {bad_head, "image/png", "s.png", coded(-1, "Upload file failed! png format error!\n"), ""},
+        {bad_tail, "image/png", "s.png", coded(-1, "Upload png file failed"), ""},
+    });
+}
+
+TEST_F(Watermark, ANameOver254CharactersIsRefused)
+{
+    const std::string name254 = std::string(250, 'n') + ".jpg";
+    expect_uploads({
         {jpeg(), "image/jpeg", name254, ok, name254},
         {jpeg(), "image/jpeg", "n" + name254, coded(-1, "upload file name max length!  max length 256 byte"), ""},
+    });
+}
+
+TEST_F(Watermark, ANameMustNameAFileInTheFolder)
+{
+    expect_uploads({
         {jpeg(), "image/jpeg", "..%2fx.png", bad_name, ""},
         {jpeg(), "image/jpeg", "%2e%2e", bad_name, ""},
         {jpeg(), "image/jpeg", "a%2fb.png", bad_name, ""},
         {jpeg(), "image/jpeg", "a%00.png.txt", bad_name, ""},
         {jpeg(), "image/jpeg", "", coded(-1, "upload file name cannot be empty"), ""},
-        // The name decides the type it is served with: it must fit the type, and the
-        // content must start like its format.
+    });
+    EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/x.png"));
+    EXPECT_FALSE(ts::exists(kWatermark + "a"));
+}
+
+// The name decides the type it is served with: it must fit the type, and the content must
+// start like its format.
+TEST_F(Watermark, ThePictureMustBeWhatItsNameSays)
+{
+    expect_uploads({
+        {png(640, 480), "image/gif", "anim.gif", bad_type, ""},
         {jpeg(), "image/jpeg", "x.html", bad_type, ""},
         {jpeg(), "image/jpeg", "x.svg", bad_type, ""},
         {png(640, 480), "image/jpeg", "x.jpg", bad_type, ""},
         {png(640, 480), "image/png", "x.bmp", bad_type, ""},
         {padded("MB", 4096, 0), "image/bmp", "x.bmp", bad_type, ""},
-        {jpeg(), "image/jpeg", "UPPER.JPG", ok, "UPPER.JPG"},
-    };
-    for (const auto &c : cases) {
-        plant_old_images();
-        std::string query = "sessionid=" + sid + (c.file_name.empty() ? "" : "&fileName=" + c.file_name);
-        EXPECT_EQ(c.reply, upload(query, c.picture, c.type).body) << c.file_name;
-        EXPECT_EQ(c.stored.empty() ? kOldImages : std::set<std::string>{c.stored}, watermark_files()) << c.file_name;
-        EXPECT_TRUE(c.stored.empty() || ts::read_file(kWatermark + c.stored) == c.picture) << c.file_name;
-        EXPECT_TRUE(!c.stored.empty() || ts::read_file(kWatermark + "old.png") == "old") << c.file_name;
-    }
-    EXPECT_FALSE(ts::exists("/mnt/app/web_root/images/x.png"));
-    EXPECT_FALSE(ts::exists(kWatermark + "a"));
+    });
+}
 
-    // A copy cut short by a full card answers the failure and keeps the old watermark whole.
+TEST_F(Watermark, ACopyCutShortByAFullCardKeepsTheOldWatermark)
+{
+    plant_old_images();
     ASSERT_EQ(0, ts::run({"/bin/mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", kWatermark}));
     ts::write_file(kWatermark + "old.png", "old");
     EXPECT_EQ(coded(-1, "Upload file failed"),
@@ -139,15 +189,17 @@ TEST_F(Watermark, PictureIsCheckedForNameSizeTypeAndDimensionsAndStoredAlone)
     EXPECT_EQ(std::set<std::string>{"old.png"}, watermark_files());
     EXPECT_EQ("old", ts::read_file(kWatermark + "old.png"));
     ASSERT_EQ(0, ts::run({"/bin/umount", kWatermark}));
+}
 
-    // A missing directory is made, for its owner only.
+TEST_F(Watermark, AMissingFolderIsMadeForItsOwnerAlone)
+{
     ts::remove_tree(kWatermark);
     EXPECT_EQ(ok, upload("sessionid=" + sid + "&fileName=new.jpg", jpeg(), "image/jpeg").body);
     EXPECT_EQ(0700u, static_cast<unsigned>(std::filesystem::status(kWatermark).permissions()));
     EXPECT_EQ(std::set<std::string>{"new.jpg"}, watermark_files());
 }
 
-TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndARefusedRequestChangesNothing)
+TEST_F(Watermark, OnlyAKnownCallerStoresAPicture)
 {
     const std::string digest = ts::kAdminDigest, refused = coded(-1, "Invalid username or password");
     std::string upper = digest;
@@ -166,10 +218,13 @@ TEST_F(Watermark, OnlyAKnownCallerWithAFileStoresAnythingAndARefusedRequestChang
         EXPECT_EQ(reply == ts::plain_ok() ? std::set<std::string>{"new.png"} : kOldImages, watermark_files())
             << caller;
     }
-    // A request that carries no file part.
+}
+
+TEST_F(Watermark, ARequestWithoutAFilePartStoresNothing)
+{
     plant_old_images();
     EXPECT_EQ(coded(-1, "Upload file failed"),
-              dev->call("upload_Image", "sessionid=" + dev->login() + "&fileName=new.png", png(800, 600)).body);
+              dev->call("upload_Image", "sessionid=" + sid + "&fileName=new.png", png(800, 600)).body);
     EXPECT_EQ(kOldImages, watermark_files());
 }
 
@@ -193,56 +248,100 @@ ts::HttpReply post_image(const std::string &query, const std::string &path)
                      .body_file = path, .timeout_ms = 60000});
 }
 
-TEST(Upgrade, ImageReplacesTheOldOneByteForByteWithFlatMemoryAndRefusedCallersStoreNothing)
+class UpgradeImage : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        dev = std::make_unique<ts::Device>();
+        query = "sessionid=" + dev->login();
+        std::string small;
+        for (int i = 0; i < 3000; ++i)
+            small += static_cast<char>(i % 256);  // NUL bytes included: the body is no text
+        ts::write_file(kSmall, small);
+        write_image(kSpooled, 1);  // above what is held in memory: spooled
+    }
+    static void TearDownTestSuite() { dev.reset(); }
+
+    static size_t announcements() { return ts::occurrences(dev->sim().log(), kAnnouncement); }
+
+    static constexpr char kSmall[] = "/tmp/small.bin", kSpooled[] = "/tmp/spooled.bin";
+    static inline std::unique_ptr<ts::Device> dev;
+    static inline std::string query;
+};
+
+TEST_F(UpgradeImage, AnImageReplacesTheOldOneByteForByte)
 {
-    ts::Device dev;
-    std::string query = "sessionid=" + dev.login();
     ts::write_file(kImage, "previous image");  // the empty body comes first: replaced whole
-    std::string small;
-    for (int i = 0; i < 3000; ++i)
-        small += static_cast<char>(i % 256);  // NUL bytes included: the body is no text
-    ts::write_file("/tmp/small.bin", small);
     ts::write_file("/tmp/empty.bin", "");
-    write_image("/tmp/large.bin", 100);
-    for (const char *body : {"/tmp/empty.bin", "/tmp/small.bin", "/tmp/large.bin"}) {
+    for (const char *body : {"/tmp/empty.bin", kSmall, kSpooled}) {
         EXPECT_EQ(kFinalProgress, post_image(query, body).body) << body;
         EXPECT_EQ(0, ts::run({"/usr/bin/cmp", "-s", body, kImage})) << body;
         EXPECT_EQ(0600u, static_cast<unsigned>(std::filesystem::status(kImage).permissions())) << body;
     }
-    if (!ts::skipped_under_emulation("the server's peak memory", "the emulator's own memory would count")) {
-        std::string status = ts::read_file("/proc/" + std::to_string(dev.server().pid()) + "/status");
-        long peak_kib = std::stol(status.substr(status.find("VmHWM:") + 6));
-        // About 7 MiB in a normal build; a sanitizer build keeps shadow memory beside it.
-        EXPECT_LT(peak_kib, 24 * 1024) << "a 100 MiB image must not pass through the server's memory";
-        std::cerr << "peak " << peak_kib << "\n";
-    }
-    EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
-    for (int value = 0; value <= 100; value += 20)
-        EXPECT_EQ(3u, ts::occurrences(dev.server().log(),
-                                      "http recv ProgressValue->valueint " + std::to_string(value) + "\n"));
+}
 
-    write_image("/tmp/large.bin", 1);  // still above what is held in memory: spooled
+TEST_F(UpgradeImage, A100MiBImageNeverPassesThroughTheServersMemory)
+{
+    write_image("/tmp/large.bin", 100);
+    EXPECT_EQ(kFinalProgress, post_image(query, "/tmp/large.bin").body);
+    EXPECT_EQ(0, ts::run({"/usr/bin/cmp", "-s", "/tmp/large.bin", kImage}));
+    ts::remove_tree("/tmp/large.bin");
+    if (ts::skipped_under_emulation("the server's peak memory", "the emulator's own memory would count"))
+        return;
+    std::string status = ts::read_file("/proc/" + std::to_string(dev->server().pid()) + "/status");
+    long peak_kib = std::stol(status.substr(status.find("VmHWM:") + 6));
+    // About 7 MiB in a normal build; a sanitizer build keeps shadow memory beside it.
+    EXPECT_LT(peak_kib, 24 * 1024);
+    std::cerr << "peak " << peak_kib << "\n";
+}
+
+TEST_F(UpgradeImage, EachImageIsAnnouncedToTheUpgradeApplication)
+{
+    size_t announced = announcements();
+    EXPECT_EQ(kFinalProgress, post_image(query, kSmall).body);
+    EXPECT_EQ(announced + 1, announcements());
+}
+
+TEST_F(UpgradeImage, TheProgressIsFollowedToTheEnd)
+{
+    size_t before = dev->server().log().size();
+    EXPECT_EQ(kFinalProgress, post_image(query, kSmall).body);
+    std::string traced = dev->server().log().substr(before);
+    for (int value = 0; value <= 100; value += 20)
+        EXPECT_EQ(1u, ts::occurrences(traced, "http recv ProgressValue->valueint " + std::to_string(value) + "\n"))
+            << value;
+}
+
+TEST_F(UpgradeImage, ARefusedCallerStoresNothing)
+{
     ts::write_file(kImage, "current image");
+    size_t announced = announcements();
     const std::pair<std::string, std::string> refused[] = {
         {"", coded(-16, "Session ID is empty")},
         {"username=admin&password=wrong", ts::fail("Invalid username or password")},
     };
     for (const auto &[caller, reply] : refused)
-        for (const char *body : {"/tmp/small.bin", "/tmp/large.bin"}) {
+        for (const char *body : {kSmall, kSpooled}) {
             EXPECT_EQ(reply, post_image(caller, body).body) << caller << " " << body;
             EXPECT_EQ("current image", ts::read_file(kImage)) << caller << " " << body;
         }
-    // A directory where the image goes cannot be replaced by it.
+    EXPECT_EQ(0, ts::temp_files());
+    EXPECT_EQ(announced, announcements());
+}
+
+TEST_F(UpgradeImage, AFolderWhereTheImageGoesIsKept)
+{
     ts::remove_tree(kImage);
     ts::make_dirs(std::string(kImage) + "/keep");
-    for (const char *body : {"/tmp/small.bin", "/tmp/large.bin"}) {
+    size_t announced = announcements();
+    for (const char *body : {kSmall, kSpooled}) {
         EXPECT_EQ(coded(550, "upgrade wirte fail"), post_image(query, body).body) << body;
         EXPECT_TRUE(ts::exists(std::string(kImage) + "/keep")) << body;
     }
     EXPECT_EQ(0, ts::temp_files());
-    EXPECT_EQ(3u, ts::occurrences(dev.sim().log(), kAnnouncement));
+    EXPECT_EQ(announced, announcements());
+    ts::remove_tree(kImage);
 }
-
 
 std::string head_of_image(const std::string &query, unsigned long long length)
 {

@@ -10,6 +10,7 @@
 #include "usermanagement/usermgnt.h"
 
 #include <chrono>
+#include <map>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <set>
@@ -28,7 +29,7 @@ std::string login(const std::string &user, int timeout)
 int slot(const std::string &id, const char *access = "get") { return find_saved_session(id.c_str(), access); }
 
 // 36 characters: lower-case hexadecimal digits in groups of 8-4-4-4-12, all distinct.
-TEST(SessionTable, IdsAreDistinctLowerCaseHexInGroupsAndTimeOutsBelowOneAreRefused)
+TEST(SessionTable, IdsAreDistinctLowerCaseHexInGroups)
 {
     memset(user_sessions, 0, sizeof user_sessions);
     std::set<std::string> seen;
@@ -42,44 +43,87 @@ TEST(SessionTable, IdsAreDistinctLowerCaseHexInGroupsAndTimeOutsBelowOneAreRefus
         seen.insert(id);
     }
     EXPECT_EQ(10000u, seen.size());
+}
+
+TEST(SessionTable, TimeOutsBelowOneAreRefused)
+{
     char *id = nullptr;
     EXPECT_EQ(-1, add_new_session("admin", 0, &id));
+    EXPECT_EQ(-1, add_new_session("admin", -1, &id));
 }
 
-// Time-outs count whole seconds of the monotonic clock: a session idle for more than its
-// time-out is gone, whether a lookup or the sweep at the next login finds it first.
-TEST(SessionTable, ExpiryRefreshSweepAndSlotReuseFollowTheMonotonicClock)
+// Sessions made in one second S with the time-outs in their names are looked up in S + 1,
+// then three logins come in S + 3. Time-outs count whole seconds of the monotonic clock: a
+// session idle for more than its time-out is gone, whether a lookup or the sweep at the next
+// login finds it first. What each step showed is kept for the tests below.
+class SessionClock : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        memset(user_sessions, 0, sizeof user_sessions);
+        long long made = ts::fresh_second();
+        std::string keep = login("keep", 1000), shortlived = login("short", 1), refreshed = login("set", 2),
+                    probed = login("get", 2), unseen = login("unseen", 1);
+        ASSERT_EQ(made, ts::monotonic_seconds()) << "the logins took a second";
+        at_once = slot(shortlived);
+        ts::wait_for_second(made + 1);
+        refreshed_in_s1 = slot(refreshed, "set");
+        probed_in_s1 = {slot(probed, "get"), slot(probed, "GetWebServerParameter")};
+        ts::wait_for_second(made + 3);
+        new_logins = {slot(login("next", 60)), slot(login("after", 60)), slot(login("last", 60))};
+        in_s3 = {{"keep", slot(keep)}, {"short", slot(shortlived)}, {"set", slot(refreshed)},
+                 {"get", slot(probed)}, {"unseen", slot(unseen)}};
+    }
+
+    static inline int at_once = -2, refreshed_in_s1 = -2;
+    static inline std::vector<int> probed_in_s1, new_logins;
+    static inline std::map<std::string, int> in_s3;  // the slots of the first five in S + 3
+};
+
+TEST_F(SessionClock, ASessionLivesFromItsLogin)
 {
-    memset(user_sessions, 0, sizeof user_sessions);
-    long long made = ts::fresh_second();
-    std::string keep = login("keep", 1000), shortlived = login("short", 1), refreshed = login("set", 2),
-                probed = login("get", 2), unseen = login("unseen", 1);
-    ASSERT_EQ(made, ts::monotonic_seconds());
-    EXPECT_EQ(1, slot(shortlived));  // live right after creation
-    ts::wait_for_second(made + 1);
-    EXPECT_EQ(2, slot(refreshed, "set"));
-    EXPECT_EQ(3, slot(probed, "get"));
-    EXPECT_EQ(3, slot(probed, "GetWebServerParameter"));
-    ts::wait_for_second(made + 3);
-    // The login's sweep frees slots 1, 3 and 4, nobody having looked them up; the lowest is taken first.
-    EXPECT_EQ(1, slot(login("next", 60)));
-    EXPECT_EQ(3, slot(login("after", 60)));
-    EXPECT_EQ(4, slot(login("last", 60)));
-    EXPECT_EQ(-1, slot(shortlived));
-    EXPECT_EQ(-1, slot(probed));
-    EXPECT_EQ(-1, slot(unseen));
-    EXPECT_EQ(2, slot(refreshed));
-    EXPECT_EQ(0, slot(keep));
+    EXPECT_EQ(1, at_once);
+    EXPECT_EQ(0, in_s3["keep"]);
 }
 
-TEST(SessionTable, SixtyFifthLoginTakesSlotZeroAndNamesAreCut)
+TEST_F(SessionClock, ASessionIdleLongerThanItsTimeOutIsGone)
+{
+    EXPECT_EQ(-1, in_s3["short"]);
+    EXPECT_EQ(-1, in_s3["unseen"]);
+}
+
+TEST_F(SessionClock, ASetLookupKeepsASessionAlive)
+{
+    EXPECT_EQ(2, refreshed_in_s1);
+    EXPECT_EQ(2, in_s3["set"]);
+}
+
+TEST_F(SessionClock, AnyOtherLookupLeavesTheTimeOutRunning)
+{
+    EXPECT_EQ(std::vector<int>({3, 3}), probed_in_s1);
+    EXPECT_EQ(-1, in_s3["get"]);
+}
+
+// Slots 1, 3 and 4 held sessions that had expired, nobody having looked them up since.
+TEST_F(SessionClock, TheSweepAtALoginFreesExpiredSlotsLowestFirst)
+{
+    EXPECT_EQ(std::vector<int>({1, 3, 4}), new_logins);
+}
+
+TEST(SessionTable, SixtyFifthLoginTakesSlotZero)
 {
     memset(user_sessions, 0, sizeof user_sessions);
     std::string first = login("u0", 1000);
     for (int i = 1; i < kMaxSessions; ++i)
         login("u" + std::to_string(i), 1000);
-    EXPECT_EQ(0, slot(login(std::string(40, 'u'), 1000)));
+    EXPECT_EQ(0, slot(login("u64", 1000)));
     EXPECT_EQ(-1, slot(first));
+}
+
+TEST(SessionTable, NamesAreCutTo31Characters)
+{
+    memset(user_sessions, 0, sizeof user_sessions);
+    EXPECT_EQ(0, slot(login(std::string(40, 'u'), 1000)));
     EXPECT_EQ(std::string(31, 'u'), user_sessions[0].user_name);
 }
 
@@ -243,26 +287,44 @@ TEST_F(AccountStore, FailedWriteLeavesTheFileAsItWas)
     EXPECT_EQ(image(kAdmin), ts::read_file(ts::kAccountFile));
 }
 
-TEST_F(AccountActions, AccountsAreListedInSlotOrderThroughAddAndDeleteAndDamagedFieldsStayInside)
+std::string listed() { return ts::call(actionGetUserParam, "{}").reply; }
+
+const std::string kDone = ts::ok("Successfully to set params");
+
+TEST_F(AccountActions, AFreshDeviceListsTheAdminAlone)
 {
-    EXPECT_EQ(list_reply(kAdmin), ts::call(actionGetUserParam, "{}").reply);  // a fresh device
-    const std::string done = ts::ok("Successfully to set params");
-    EXPECT_EQ(done, set_user(0, "bob", kBob).reply);
-    EXPECT_EQ(done, set_user(0, "carol", kNew).reply);
-    EXPECT_EQ(list_reply({kAdmin[0], {"bob", kBob}, {"carol", kNew}}), ts::call(actionGetUserParam, "{}").reply);
-    EXPECT_EQ(done, set_user(1, "bob", kBob).reply);
-    // Names are cut to 63 characters; operation 5 changes nothing and still succeeds.
-    EXPECT_EQ(done, set_user(0, std::string(70, 'n'), kBob).reply);
-    EXPECT_EQ(done, set_user(5, "carol", kBob).reply);
-    EXPECT_EQ(list_reply({kAdmin[0], {"carol", kNew}, {std::string(63, 'n'), kBob}}),
-              ts::call(actionGetUserParam, "{}").reply);
-    // A right-sized file without a single terminator lists 16 accounts of 64-byte fields.
-    ts::write_file(ts::kAccountFile, std::string(2048, 'x'));
-    EXPECT_EQ(list_reply(Accounts(16, {std::string(64, 'x'), std::string(64, 'x')})),
-              ts::call(actionGetUserParam, "{}").reply);
+    EXPECT_EQ(list_reply(kAdmin), listed());
 }
 
-TEST_F(AccountActions, UnusableBodiesNeverReachTheStoreAndStoreRefusalsGiveTheirCode)
+TEST_F(AccountActions, AccountsAreListedInSlotOrderThroughAddsAndDeletes)
+{
+    for (const char *name : {"bob", "carol", "dave"})
+        EXPECT_EQ(kDone, set_user(0, name, kBob).reply) << name;
+    EXPECT_EQ(kDone, set_user(1, "bob", kBob).reply);
+    EXPECT_EQ(kDone, set_user(0, "erin", kNew).reply);
+    EXPECT_EQ(list_reply({kAdmin[0], {"carol", kBob}, {"dave", kBob}, {"erin", kNew}}), listed());
+}
+
+TEST_F(AccountActions, NamesAreCutTo63Characters)
+{
+    EXPECT_EQ(kDone, set_user(0, std::string(70, 'n'), kBob).reply);
+    EXPECT_EQ(list_reply({kAdmin[0], {std::string(63, 'n'), kBob}}), listed());
+}
+
+TEST_F(AccountActions, AnUnknownOperationSucceedsWithoutAChange)
+{
+    EXPECT_EQ(kDone, set_user(5, "admin", kBob).reply);
+    EXPECT_EQ(list_reply(kAdmin), listed());
+}
+
+// A right-sized file without a single terminator: its fields are read within their 64 bytes.
+TEST_F(AccountActions, AFileWithoutTerminatorsListsSixteenWholeFields)
+{
+    ts::write_file(ts::kAccountFile, std::string(2048, 'x'));
+    EXPECT_EQ(list_reply(Accounts(16, {std::string(64, 'x'), std::string(64, 'x')})), listed());
+}
+
+TEST_F(AccountActions, UnusableBodiesNeverReachTheStore)
 {
     for (const char *body :
          {R"({"operation":"0","user_name":"b","password":"x"})", R"({"operation":0,"user_name":"b"})",
@@ -270,23 +332,43 @@ TEST_F(AccountActions, UnusableBodiesNeverReachTheStoreAndStoreRefusalsGiveTheir
         EXPECT_EQ(ts::fail("Invalid input params"), ts::call(actionSetUserParam, body).reply)
             << (body ? body : "<null>");
     EXPECT_FALSE(ts::exists(ts::kAccountFile)) << "the store was called";
-    ts::write_file(ts::kAccountFile, image({kAdmin[0], {"bob", kBob}}));
-    EXPECT_EQ(ts::fail("set User params fail"), set_user(1, "bob", kNew).reply);
-    ts::Capture err(2);
-    EXPECT_EQ(0, check_user_pass_valid("", "")) << "a free slot is no account";
 }
 
-TEST(LoginJson, LoginBodyYieldsCredentialsAndATimeoutOfAtLeastOne)
+TEST_F(AccountActions, AStoreRefusalAnswersTheFailure)
+{
+    ts::write_file(ts::kAccountFile, image({kAdmin[0], {"bob", kBob}}));
+    EXPECT_EQ(ts::fail("set User params fail"), set_user(1, "bob", kNew).reply);  // the wrong digest
+}
+
+TEST_F(AccountActions, AFreeSlotIsNoAccount)
+{
+    ts::Capture err(2);
+    EXPECT_EQ(0, check_user_pass_valid("", ""));
+}
+
+TEST(LoginJson, LoginBodyYieldsCredentialsCutToTheirFields)
+{
+    std::string body = R"({"username":")" + std::string(70, 'n') + R"(","password":"p\"w","timeout":600})";
+    LoginParam login{};
+    int timeout = -7;
+    ASSERT_EQ(0, getLoginParamFromJSON(body.c_str(), &login, &timeout));
+    EXPECT_EQ(std::string(63, 'n'), login.username);
+    EXPECT_STREQ("p\"w", login.password);
+}
+
+TEST(LoginJson, ATimeOutBelowOneIsHalfAnHour)
 {
     for (auto [value, expected] : {std::pair{"600", 600}, {"true", 1}, {"0", 1800}, {"-5", 1800}}) {
-        std::string body =
-            R"({"username":")" + std::string(70, 'n') + R"(","password":"p\"w","timeout":)" + value + "}";
+        std::string body = R"({"username":"u","password":"p","timeout":)" + std::string(value) + "}";
         LoginParam login{};
         int timeout = -7;
         ASSERT_EQ(0, getLoginParamFromJSON(body.c_str(), &login, &timeout)) << body;
-        EXPECT_EQ(std::string(63, 'n') + " p\"w", std::string(login.username) + " " + login.password);
         EXPECT_EQ(expected, timeout) << value;
     }
+}
+
+TEST(LoginJson, TheAccountApplicationsVerdictIsRead)
+{
     int valid = -7;
     EXPECT_EQ(0, getLoginParamFromJSON_msg(R"({"Parameters":{"PassValidation":true},"Result":"OK"})", &valid));
     EXPECT_EQ(1, valid);

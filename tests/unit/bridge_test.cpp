@@ -148,10 +148,14 @@ int relay(const std::string &command, const std::string &payload, std::string *r
     return r.code;
 }
 
-TEST(RoutingTable, SpacingCrLfCommentsAndBlocksReadLikeTheCanonicalFile)
+TEST(RoutingTable, FilesWithoutARouteGiveAnEmptyTable)
 {
     for (const char *text : {"", "# a b c\n#x y ipc://z\n", "ab\n\n\nx\n"})
         EXPECT_TRUE(load(text) == 0 && table_is_empty()) << text;
+}
+
+TEST(RoutingTable, OtherSpacingCrLfAndCommentsReadLikeTheCanonicalFile)
+{
     ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\nSet app_a ipc:///tmp/a.ipc\nCap device_cap /c.json\n"));
     EXPECT_STREQ("Set", table[0].command[1]);
     EXPECT_STREQ("/c.json", table[1].cap_path[0]);
@@ -163,15 +167,39 @@ TEST(RoutingTable, SpacingCrLfCommentsAndBlocksReadLikeTheCanonicalFile)
           "Get app_a ipc:///tmp/a.ipc\r\nSet app_a ipc:///tmp/a.ipc\r\nCap device_cap /c.json\r\n",
           "Get app_a ipc:///tmp/a.ipc four\n#Get app_b x\nSet app_a ipc:///tmp/a.ipc\n\nCap device_cap /c.json"})
         EXPECT_TRUE(load(variant) == 0 && memcmp(expected, table, sizeof expected) == 0) << variant;
-    // Only spaces separate words, and "#" makes a comment only in the first column.
-    ASSERT_EQ(0, load("Get\tStatus app_a ipc:///tmp/a.ipc\n #Set app_a\n"));
+}
+
+TEST(RoutingTable, OnlySpacesSeparateWords)
+{
+    ASSERT_EQ(0, load("Get\tStatus app_a ipc:///tmp/a.ipc\n"));
     EXPECT_STREQ("Get\tStatus", table[0].command[0]);
+}
+
+TEST(RoutingTable, AHashMakesACommentOnlyInTheFirstColumn)
+{
+    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\n #Set app_a\n"));
     EXPECT_STREQ("#Set", table[0].command[1]);
-    // Blocks A B A give three entries, and the last address of a block wins.
+}
+
+// Blocks A B A give three entries.
+TEST(RoutingTable, EachBlockOfLinesForAReceiverIsAnEntry)
+{
     ASSERT_EQ(0, load("One app_a ipc:///a1\nTwo app_a ipc:///a2\nThree app_b ipc:///b\nFour app_a ipc:///a3\n"));
-    EXPECT_STREQ("ipc:///a2", table[0].ipc_url);
+    EXPECT_STREQ("One", table[0].command[0]);
     EXPECT_STREQ("app_b", table[1].receiver_name);
     EXPECT_STREQ("Four", table[2].command[0]);
+    EXPECT_STREQ("ipc:///a3", table[2].ipc_url);
+}
+
+TEST(RoutingTable, TheLastAddressOfABlockWins)
+{
+    ASSERT_EQ(0, load("One app_a ipc:///a1\nTwo app_a ipc:///a2\n"));
+    EXPECT_STREQ("ipc:///a2", table[0].ipc_url);
+}
+
+TEST(RoutingTable, AMissingFileEmptiesTheTable)
+{
+    ASSERT_EQ(0, load("Get app_a ipc:///tmp/a.ipc\n"));
     unlink(HTTP_COMMAND_FILE);
     ts::Capture quiet(2);
     EXPECT_EQ(-7, http_read_config_command());
@@ -208,7 +236,7 @@ TEST(RoutingTable, OneReceiverOrCommandTooManyOrAnOverlongWordRefusesTheWholeFil
     }
 }
 
-TEST(MsgExchange, RepliesAreCheckedInOrderAndFaultsGiveTheirCodes)
+TEST(MsgExchange, EachReplyGetsTheCodeOfItsFirstFault)
 {
     const std::string bad_format = "The server returned an incorrect format parameter",
                       failed = "Failed to request server";
@@ -261,7 +289,7 @@ TEST(MsgExchange, RequestMessageLeavesNothingBehindWhicheverAllocationFails)
     }
 }
 
-TEST(MsgExchange, TimeOutDependsOnTheCommandAndTheUpgradeSocket)
+TEST(MsgExchange, SlowCommandsWaitLonger)
 {
     const std::tuple<const char *, bool, int> cases[] = {
         {"StartUpgrade", true, 180000},             {"StartUpgrade", false, 3000},
@@ -273,28 +301,56 @@ TEST(MsgExchange, TimeOutDependsOnTheCommandAndTheUpgradeSocket)
         EXPECT_EQ(ms, http_msg_recv_timeout(command, upgrade)) << command << (upgrade ? " on" : " off") << " the upgrade socket";
 }
 
-// Nothing listens at b.ipc: the connection is made in the background and only the exchange
-// fails. Both exchanges run at once on one loop, and a third application answers meanwhile.
-TEST(MsgExchange, SilentAndMissingApplicationsTimeOutTogetherWhileAnotherAnswers)
+// Three exchanges at once on one loop: app_a (the simulator) stays silent, nothing listens
+// at b.ipc (the connection is made in the background and only the exchange fails), app_c
+// answers. What they gave is kept for the tests below.
+struct Ended {
+    int code = -2;
+    std::string reason;
+    long long ms = -1;  // from the start of the three
+};
+
+class Unanswered : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\n"));
+        ts::Process sim = ts::start_sim(R"({"GetStatus": {"silent": true}})");
+        ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus2 app_b ipc:///tmp/b.ipc\n"
+                          "GetOther app_c ipc:///tmp/c.ipc\n"));
+        Peer c("ipc:///tmp/c.ipc", NN_REP, {{msg("GetOther", "{}")}});
+        EventLoop loop;
+        EventLoop::Scope scope(loop);
+        long long start = ts::now_ms();
+        Relay silent_relay("GetStatus", "{}"), missing_relay("GetStatus2", "{}"), other_relay("GetOther", "{}");
+        run_until_ended(loop, {&silent_relay, &missing_relay, &other_relay});
+        for (auto [relay, seen] : {std::pair{&silent_relay, &silent}, {&missing_relay, &missing}, {&other_relay, &other}})
+            *seen = {relay->code, relay->reason, relay->ended_ms - start};
+        sim_log = sim.log();
+    }
+
+    static inline Ended silent, missing, other;
+    static inline std::string sim_log;
+};
+
+TEST_F(Unanswered, ASilentApplicationTimesOut)
 {
-    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\n"));
-    ts::Process sim = ts::start_sim(R"({"GetStatus": {"silent": true}})");
-    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus2 app_b ipc:///tmp/b.ipc\n"
-                      "GetOther app_c ipc:///tmp/c.ipc\n"));
-    Peer c("ipc:///tmp/c.ipc", NN_REP, {{msg("GetOther", "{}")}});
-    EventLoop loop;
-    EventLoop::Scope scope(loop);
-    long long start = ts::now_ms();
-    Relay silent("GetStatus", "{}"), missing("GetStatus2", "{}"), other("GetOther", "{}");
-    run_until_ended(loop, {&silent, &missing, &other});
-    EXPECT_EQ(0, other.code);
-    EXPECT_LT(other.ended_ms - start, 1000) << "an answering application waits for no other";
     EXPECT_EQ(504, silent.code);
-    EXPECT_EQ(504, missing.code);
     EXPECT_EQ("Connection service timed out", silent.reason);
-    long long elapsed = std::max(silent.ended_ms, missing.ended_ms) - start;
-    EXPECT_TRUE(elapsed >= 2990 && elapsed < 3500) << elapsed;
-    EXPECT_TRUE(has(sim.log(), "devicesim: app_a stays silent to GetStatus\n")) << sim.log();
+    EXPECT_TRUE(silent.ms >= 2990 && silent.ms < 3500) << silent.ms;
+    EXPECT_TRUE(has(sim_log, "devicesim: app_a stays silent to GetStatus\n")) << sim_log;
+}
+
+TEST_F(Unanswered, AMissingApplicationTimesOut)
+{
+    EXPECT_EQ(504, missing.code);
+    EXPECT_TRUE(missing.ms >= 2990 && missing.ms < 3500) << missing.ms;
+}
+
+TEST_F(Unanswered, AnAnsweringApplicationWaitsForNoOther)
+{
+    EXPECT_EQ(0, other.code);
+    EXPECT_LT(other.ms, 1000);
 }
 
 // One application's exchanges happen one at a time, in arrival order, each on its own socket.
@@ -314,18 +370,42 @@ TEST(MsgExchange, ExchangesWithOneApplicationTakeTurnsInArrivalOrder)
         EXPECT_TRUE(has(a.requests()[i], "\"i\":\t" + std::to_string(i + 1))) << a.requests()[i];
 }
 
-TEST(MsgExchange, CommandListedForTwoReceiversReachesBothAndTheSecondAnswers)
-{
-    ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus app_b ipc:///tmp/b.ipc\n"));
-    Peer a("ipc:///tmp/a.ipc", NN_REP, {{msg("GetStatus", R"({"From":"a"})")}});
-    Peer b("ipc:///tmp/b.ipc", NN_REP, {{msg("GetStatus", R"({"Result":"OK","Parameters":{"Speed":1.5}})")}});
+// A command listed for two receivers, relayed once.
+class TwoReceivers : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(0, load("GetStatus app_a ipc:///tmp/a.ipc\nGetStatus app_b ipc:///tmp/b.ipc\n"));
+        a = std::make_unique<Peer>("ipc:///tmp/a.ipc", NN_REP, Answers{{msg("GetStatus", R"({"From":"a"})")}});
+        b = std::make_unique<Peer>("ipc:///tmp/b.ipc", NN_REP,
+                                   Answers{{msg("GetStatus", R"({"Result":"OK","Parameters":{"Speed":1.5}})")}});
+        ts::Capture out(1), err(2);
+        code = relay("GetStatus", R"({"To":"all"})", &reply);
+    }
+
+    using Answers = std::vector<std::vector<std::string>>;
+    std::unique_ptr<Peer> a, b;
+    int code = -2;
     std::string reply;
-    ts::Capture err(2);
-    EXPECT_EQ(0, relay("GetStatus", R"({"To":"all"})", &reply));
+};
+
+TEST_F(TwoReceivers, TheCommandReachesBoth)
+{
+    ASSERT_EQ(1u, a->requests().size());
+    EXPECT_TRUE(has(a->requests()[0], "\"Receiver\":\t\"app_a\"") && has(a->requests()[0], "\"To\":\t\"all\""));
+    ASSERT_EQ(1u, b->requests().size());
+    EXPECT_TRUE(has(b->requests()[0], "\"Receiver\":\t\"app_b\""));
+    EXPECT_EQ('\0', b->requests()[0].back()) << "the terminating zero travels with the request";
+}
+
+TEST_F(TwoReceivers, TheLastOneAnswers)
+{
+    EXPECT_EQ(0, code);
     EXPECT_EQ("{\n\t\"Result\":\t\"OK\",\n\t\"Parameters\":\t{\n\t\t\"Speed\":\t1.5\n\t}\n}", reply);
-    ASSERT_EQ(1u, a.requests().size());
-    EXPECT_TRUE(has(a.requests()[0], "\"Receiver\":\t\"app_a\"") && has(a.requests()[0], "\"To\":\t\"all\""));
-    EXPECT_EQ('\0', b.requests().at(0).back()) << "the terminating zero travels with the request";
+}
+
+TEST_F(TwoReceivers, BothSocketsAreClosed)
+{
     EXPECT_EQ(-1, table[0].msg_fd) << "the earlier receiver's socket is closed at once";
     EXPECT_EQ(-1, nn_send(table[1].msg_fd, "x", 1, NN_DONTWAIT));
     EXPECT_EQ(EBADF, nn_errno()) << "the last one's by http_msg_socket_uninit";

@@ -33,7 +33,7 @@ TEST(Log, LinesCarryTheirPrefixesOnTheirStreams)
 }
 
 // Lines longer than the formatter's stack buffer, from four threads at once.
-TEST(Log, LongLinesOfSeveralThreadsAreWrittenWholeAndNeverInterleave)
+TEST(Log, LongLinesOfSeveralThreadsNeverInterleave)
 {
     ts::Capture err(2);
     std::vector<std::thread> threads;
@@ -53,34 +53,59 @@ TEST(Log, LongLinesOfSeveralThreadsAreWrittenWholeAndNeverInterleave)
     EXPECT_EQ(800u, lines);
 }
 
-TEST(SystemCmd, RunsOneProgramWithoutShellOrEnvironmentAndReapsIt)
+TEST(SystemCmd, RunsTheProgramOfTheFirstWord)
 {
     ts::write_file("/tmp/standins.log", "");
-    EXPECT_EQ(0, HTTP_SYSTEM_CMD("sync"));
-    EXPECT_EQ(0u, ts::read_file("/tmp/standins.log").find("sync "));
-    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child was left to reap";
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("sync -f /tmp"));
+    std::string log = ts::read_file("/tmp/standins.log");  // "NAME TIME PATH ARGS"
+    EXPECT_TRUE(log.starts_with("sync ") && log.ends_with(" /bin/sync -f /tmp\n")) << log;
+}
+
+TEST(SystemCmd, LeavesNoChildToReap)
+{
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("true"));
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
+}
+
+TEST(SystemCmd, NoShellInterpretsTheWords)
+{
     ts::write_file("/tmp/wm/a.png", "x");
     ts::write_file("/tmp/wm/*", "star");
     EXPECT_EQ(0, HTTP_SYSTEM_CMD("rm  -rf   /tmp/wm/*"));  // rm gets the star as it stands
     EXPECT_TRUE(ts::exists("/tmp/wm/a.png"));
     EXPECT_FALSE(ts::exists("/tmp/wm/*"));
+}
 
+TEST(SystemCmd, TheProgramGetsAnEmptyEnvironment)
+{
     ts::Capture out(1);
-    EXPECT_EQ(0, HTTP_SYSTEM_CMD("env"));  // prints its environment: nothing
+    EXPECT_EQ(0, HTTP_SYSTEM_CMD("env"));  // prints its environment
+    EXPECT_EQ("", out.text());
+}
+
+TEST(SystemCmd, AMissingProgramIsReportedOnStandardOutput)
+{
+    ts::Capture out(1);
     EXPECT_EQ(0, HTTP_SYSTEM_CMD("no-such-program-xyz --flag"));
     EXPECT_EQ("system cmd:<no-such-program-xyz --flag> fail!\n", out.text());
 }
 
-TEST(SystemCmd, RefusesEmptyAndOverlongCommands)
+TEST(SystemCmd, RefusesACommandWithoutAWord)
 {
     ts::Capture out(1), err(2);
     EXPECT_EQ(-1, HTTP_SYSTEM_CMD(nullptr));
-    for (const std::string &cmd :
-         {std::string(), std::string("     "), std::string(26, 'a'), "true " + std::string(507, 'b')})
-        EXPECT_EQ(-1, HTTP_SYSTEM_CMD(cmd.c_str())) << cmd.size();
+    EXPECT_EQ(-1, HTTP_SYSTEM_CMD(""));
+    EXPECT_EQ(-1, HTTP_SYSTEM_CMD("     "));
+    EXPECT_EQ(0u, out.text().find("cmd NULL\n"));
+}
+
+TEST(SystemCmd, RefusesCommandsOrProgramNamesBeyondTheirLimits)
+{
+    ts::Capture out(1), err(2);
+    EXPECT_EQ(-1, HTTP_SYSTEM_CMD(std::string(26, 'a').c_str()));
+    EXPECT_EQ(-1, HTTP_SYSTEM_CMD(("true " + std::string(507, 'b')).c_str()));
     EXPECT_EQ(0, HTTP_SYSTEM_CMD(("true " + std::string(506, 'c')).c_str()));  // 511 characters
     EXPECT_EQ(0, HTTP_SYSTEM_CMD(std::string(25, 'a').c_str()));               // no such program, but run
-    EXPECT_EQ(0u, out.text().find("cmd NULL\n"));
 }
 
 class CfgFile : public ::testing::Test {
@@ -125,17 +150,38 @@ mode_t mode_of(const std::string &path)
     return st.st_mode & 07777;
 }
 
-// A rename puts a new inode in place: the writers must carry the old file's mode over, or
-// the account digests become readable by everyone.
-TEST_F(CfgFile, RewrittenFilesKeepTheirModeAndNewFilesGetTheirOwn)
+// Sets the process umask for its lifetime.
+struct Umask {
+    explicit Umask(mode_t mask) : saved(umask(mask)) {}
+    ~Umask() { umask(saved); }
+    mode_t saved;
+};
+
+TEST_F(CfgFile, NewFilesGetTheirOwnModeUnderTheUmask)
 {
     const std::string text = kDir + "/text.json";
-    mode_t saved = umask(0);
+    Umask open(0);
     ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), "r", 1));
     ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{}"));
     EXPECT_EQ(0664u, mode_of(kRecord));
     EXPECT_EQ(0666u, mode_of(text));
-    umask(077);  // the umask shapes new files only
+    umask(077);
+    ts::remove_tree(kRecord);
+    ts::remove_tree(text);
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), "r", 1));
+    ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{}"));
+    EXPECT_EQ(0600u, mode_of(kRecord));
+    EXPECT_EQ(0600u, mode_of(text));
+}
+
+// A rename puts a new inode in place: the writers must carry the old file's mode over, or
+// the account digests become readable by everyone.
+TEST_F(CfgFile, RewrittenFilesKeepTheirMode)
+{
+    const std::string text = kDir + "/text.json";
+    Umask strict(077);  // the umask shapes new files only
+    ASSERT_EQ(0, http_set_cfgfile(kRecord.c_str(), "r", 1));
+    ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{}"));
     for (mode_t mode : {0600u, 0640u, 0444u, 0707u}) {
         chmod(kRecord.c_str(), mode);
         chmod(text.c_str(), mode);
@@ -145,10 +191,6 @@ TEST_F(CfgFile, RewrittenFilesKeepTheirModeAndNewFilesGetTheirOwn)
         EXPECT_EQ(mode, mode_of(text));
         EXPECT_EQ("rr", ts::read_file(kRecord));
     }
-    ts::remove_tree(text);
-    ASSERT_EQ(0, http_set_jsoncfgfile(text.c_str(), "{}"));
-    EXPECT_EQ(0600u, mode_of(text));
-    umask(saved);
 }
 
 TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
@@ -175,6 +217,25 @@ TEST_F(CfgFile, ConcurrentWritersLeaveOneOfTheirRecords)
         reader.join();
     }
     EXPECT_EQ(0, bad.load());
+}
+
+// The text reader hands over the bytes as they stand: it neither parses nor limits them.
+TEST_F(CfgFile, JsonTextIsReadAsItStands)
+{
+    const std::string text = kDir + "/text.json";
+    for (const std::string &stored : {std::string("{\n\t\"Port\":\t80\n}"), std::string("not {json"), std::string(),
+                                      std::string(1 << 20, 'j') + "\n"}) {
+        ts::write_file(text, stored);
+        HeapText got(http_get_jsoncfgfile(text.c_str()));
+        ASSERT_TRUE(got) << stored.size() << " bytes";
+        EXPECT_EQ(stored, got.get());
+    }
+}
+
+TEST_F(CfgFile, JsonTextOfAMissingFileIsNone)
+{
+    EXPECT_EQ(nullptr, HeapText(http_get_jsoncfgfile((kDir + "/missing.json").c_str())).get());
+    EXPECT_EQ(nullptr, HeapText(http_get_jsoncfgfile(nullptr)).get());
 }
 
 } // namespace

@@ -21,6 +21,17 @@ protected:
         ASSERT_TRUE(t.admit(addr, account, now)) << addr << " " << account << " at " << now - kStart;
         t.record(addr, account, false, now);
     }
+    void fail_times(int count, const char *addr)
+    {
+        for (int i = 0; i < count; ++i)
+            fail(addr);
+    }
+    // An account guessed from many addresses, four guesses each: none of them is refused.
+    void guess_from_many_addresses(const char *account = "admin")
+    {
+        for (int i = 0; i < kAccountFailures; ++i)
+            fail(("198.51.100." + std::to_string(i / 4)).c_str(), account);
+    }
 
     LoginThrottle t;
     int64_t now = kStart;
@@ -28,8 +39,7 @@ protected:
 
 TEST_F(Throttle, FifthFailureRefusesTheAddressForAWindowThatDoublesUpToAQuarterHour)
 {
-    for (int i = 0; i < kAddressFailures; ++i)
-        fail("192.0.2.7");
+    fail_times(kAddressFailures, "192.0.2.7");
     // Each further failure from the address, once allowed again, refuses it twice as long.
     for (int64_t window : {30, 60, 120, 240, 480, 900, 900}) {
         EXPECT_FALSE(t.admit("192.0.2.7", "admin", now));
@@ -40,16 +50,21 @@ TEST_F(Throttle, FifthFailureRefusesTheAddressForAWindowThatDoublesUpToAQuarterH
     }
 }
 
-TEST_F(Throttle, OnlyFailuresWithinTenMinutesCountAndASuccessStartsTheAddressAfresh)
+TEST_F(Throttle, OnlyFailuresWithinTenMinutesCount)
 {
-    for (int i = 0; i < kAddressFailures - 1; ++i)
-        fail("192.0.2.7");
+    fail_times(kAddressFailures - 1, "192.0.2.7");
     now += kFailureWindowMs;  // the four age out
-    for (int i = 0; i < kAddressFailures - 1; ++i)
-        fail("192.0.2.7");
+    fail_times(kAddressFailures - 1, "192.0.2.7");
+    EXPECT_TRUE(t.admit("192.0.2.7", "admin", now));
+    fail("192.0.2.7");
+    EXPECT_FALSE(t.admit("192.0.2.7", "admin", now));
+}
+
+TEST_F(Throttle, ASuccessStartsTheAddressAfresh)
+{
+    fail_times(kAddressFailures - 1, "192.0.2.7");
     t.record("192.0.2.7", "admin", true, now);
-    for (int i = 0; i < kAddressFailures - 1; ++i)
-        fail("192.0.2.7");
+    fail_times(kAddressFailures - 1, "192.0.2.7");
     EXPECT_TRUE(t.admit("192.0.2.7", "admin", now));
     fail("192.0.2.7");
     EXPECT_FALSE(t.admit("192.0.2.7", "admin", now));
@@ -57,13 +72,11 @@ TEST_F(Throttle, OnlyFailuresWithinTenMinutesCountAndASuccessStartsTheAddressAfr
 
 TEST_F(Throttle, TenQuietMinutesAfterARefusalStartTheWindowsAgainAtThirtySeconds)
 {
-    for (int i = 0; i < kAddressFailures; ++i)
-        fail("192.0.2.7");
+    fail_times(kAddressFailures, "192.0.2.7");
     now += 30 * kSecond;
     fail("192.0.2.7");  // 60 s
     now += 60 * kSecond + kFailureWindowMs;
-    for (int i = 0; i < kAddressFailures; ++i)
-        fail("192.0.2.7");
+    fail_times(kAddressFailures, "192.0.2.7");
     EXPECT_FALSE(t.admit("192.0.2.7", "admin", now + 30 * kSecond - 1));
     EXPECT_TRUE(t.admit("192.0.2.7", "admin", now + 30 * kSecond));
 }
@@ -71,8 +84,7 @@ TEST_F(Throttle, TenQuietMinutesAfterARefusalStartTheWindowsAgainAtThirtySeconds
 // Four guesses from each of many addresses: no address is refused, the account is slowed.
 TEST_F(Throttle, AnAccountGuessedFromManyAddressesGetsOneCheckASecondUntilItsFailuresAgeOut)
 {
-    for (int i = 0; i < kAccountFailures; ++i)
-        fail(("198.51.100." + std::to_string(i / 4)).c_str());
+    guess_from_many_addresses();
     EXPECT_TRUE(t.admit("203.0.113.1", "other", now)) << "other accounts are not slowed";
     EXPECT_TRUE(t.admit("203.0.113.1", "other", now));
     EXPECT_TRUE(t.admit("203.0.113.1", "admin", now));
@@ -93,47 +105,62 @@ TEST_F(Throttle, AnAccountGuessedFromManyAddressesGetsOneCheckASecondUntilItsFai
     EXPECT_TRUE(t.admit("203.0.113.4", "admin", now));
 }
 
-TEST_F(Throttle, AddressesOfOneIpv6NetworkCountTogetherAndMappedIpv4IsIpv4)
+TEST_F(Throttle, AddressesOfOneIpv6NetworkCountTogether)
 {
-    const char *same_network[] = {"2001:db8:1:2::1", "2001:db8:1:2::2", "2001:db8:1:2:ffff::9",
-                                  "2001:DB8:1:2:0:0:0:1", "2001:db8:1:2::5"};
-    for (const char *addr : same_network)
+    for (const char *addr : {"2001:db8:1:2::1", "2001:db8:1:2::2", "2001:db8:1:2:ffff::9", "2001:DB8:1:2:0:0:0:1",
+                             "2001:db8:1:2::5"})
         fail(addr);
     EXPECT_FALSE(t.admit("2001:db8:1:2:abcd::1", "admin", now));
     EXPECT_TRUE(t.admit("2001:db8:1:3::1", "admin", now));
+}
 
-    for (int i = 0; i < kAddressFailures - 1; ++i)
-        fail("192.0.2.50");
+TEST_F(Throttle, AMappedIpv4AddressCountsAsItsIpv4Address)
+{
+    fail_times(kAddressFailures - 1, "192.0.2.50");
     fail("::ffff:192.0.2.50");
     EXPECT_FALSE(t.admit("192.0.2.50", "admin", now));
     EXPECT_TRUE(t.admit("192.0.2.51", "admin", now));
 }
 
-TEST_F(Throttle, AFloodOfNewAddressesAndNamesCannotPushOutARefusedAddressOrASlowedAccount)
-{
-    for (int i = 0; i < kAddressFailures; ++i)
-        fail("192.0.2.7", "nobody");
-    for (int i = 0; i < kAccountFailures; ++i)
-        fail(("198.51.100." + std::to_string(i / 4)).c_str());
-    // One failure each from far more addresses, and for far more names, than the tables hold.
-    for (int i = 0; i < 4000; ++i) {
-        std::string addr = "10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".1";
-        std::string name = "guess" + std::to_string(i);
-        t.record(addr.c_str(), name.c_str(), false, now);
+// One failure each from far more addresses, and for far more names, than the tables hold.
+class Flood : public Throttle {
+protected:
+    void flood()
+    {
+        for (int i = 0; i < 4000; ++i) {
+            std::string addr = "10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".1";
+            std::string name = "guess" + std::to_string(i);
+            t.record(addr.c_str(), name.c_str(), false, now);
+        }
     }
+};
+
+TEST_F(Flood, CannotPushOutARefusedAddress)
+{
+    fail_times(kAddressFailures, "192.0.2.7");
+    flood();
     EXPECT_FALSE(t.admit("192.0.2.7", "nobody", now));
+}
+
+TEST_F(Flood, CannotPushOutASlowedAccount)
+{
+    guess_from_many_addresses();
+    flood();
     EXPECT_TRUE(t.admit("203.0.113.1", "admin", now));
     EXPECT_FALSE(t.admit("203.0.113.2", "admin", now));
 }
 
-TEST_F(Throttle, NamesAreComparedExactlyAndMissingArgumentsAreTheirOwnEntry)
+TEST_F(Throttle, AccountNamesAreComparedExactly)
 {
-    for (int i = 0; i < kAccountFailures; ++i)
-        fail(("198.51.100." + std::to_string(i / 4)).c_str(), "Admin");
+    guess_from_many_addresses("Admin");
     EXPECT_TRUE(t.admit("203.0.113.1", "admin", now));
     EXPECT_TRUE(t.admit("203.0.113.1", "admin", now));
     EXPECT_TRUE(t.admit("203.0.113.1", "Admin", now));
     EXPECT_FALSE(t.admit("203.0.113.1", "Admin", now));
+}
+
+TEST_F(Throttle, AMissingAddressOrNameIsAnEntryOfItsOwn)
+{
     for (int i = 0; i < kAddressFailures; ++i)
         fail(nullptr, nullptr);
     EXPECT_FALSE(t.admit(nullptr, "x", now));

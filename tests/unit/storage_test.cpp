@@ -92,40 +92,75 @@ TEST(RecordingWalk, RootFoldersStandInReverseListingOrderWithoutDeeperFilesDownT
     EXPECT_TRUE(ts::has_error(w.err, "dir too deep, not walked:" + level16 + "/d17\n")) << w.err;
 }
 
-TEST(RecordingWalk, FolderHoldsEachFileInListingOrderWithFailedOnesEmptyAndRecordingsMarked)
+// A folder "day" of files (a recording in progress among them, one entry without a file, one
+// long name) and a folder with a long name whose one file's path is too long, walked once.
+class WalkOfTwoFolders : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fresh_card();
+        ts::make_file(kSd + "day/a.mp4", 1);
+        ts::make_file(kSd + "day/recodefilelist.txt", 7);
+        ts::make_file(kSd + "day/b.mp4", 5368709120ULL);
+        ts::make_file(kSd + "day/" + kSeventy, 0);
+        ASSERT_EQ(0, symlink("/mnt/nowhere", (kSd + "day/gone.mp4").c_str()));
+        ts::make_file(kSd + kSeventy + "/" + std::string(40, 'x'), 0);  // a path of 133 characters
+        w = walk("a.mp4 b.mp");
+        ASSERT_EQ(2u, w.chain.size());
+        day = w.chain[0].name == "day" ? w.chain[0] : w.chain[1];
+        other = w.chain[0].name == "day" ? w.chain[1] : w.chain[0];
+        listed = listing_order(kSd + "day");
+        std::erase(listed, "recodefilelist.txt");
+    }
+
+    // The entry of day for this file.
+    size_t entry(const std::string &name) const
+    {
+        return static_cast<size_t>(std::find(listed.begin(), listed.end(), name) - listed.begin());
+    }
+
+    const std::string kSeventy = std::string(70, 'n');
+    Walk w;
+    Dir day, other;
+    std::vector<std::string> listed;  // day's files in listing order, the list file left out
+};
+
+TEST_F(WalkOfTwoFolders, AFolderHoldsAnEntryForEachFileInListingOrder)
 {
-    fresh_card();
-    const std::string seventy(70, 'n');
-    ts::make_file(kSd + "day/a.mp4", 1);
-    ts::make_file(kSd + "day/recodefilelist.txt", 7);
-    ts::make_file(kSd + "day/b.mp4", 5368709120ULL);
-    ts::make_file(kSd + "day/" + seventy, 0);
-    ASSERT_EQ(0, symlink("/mnt/nowhere", (kSd + "day/gone.mp4").c_str()));
-    ts::make_file(kSd + seventy + "/" + std::string(40, 'x'), 0);  // a path of 133 characters
-    Walk w = walk("a.mp4 b.mp");
-    ASSERT_EQ(2u, w.chain.size());
-    const Dir &day = w.chain[0].name == "day" ? w.chain[0] : w.chain[1];
-    const Dir &other = w.chain[0].name == "day" ? w.chain[1] : w.chain[0];
-    std::vector<std::string> expected = listing_order(kSd + "day");
-    std::erase(expected, "recodefilelist.txt");
-    std::replace(expected.begin(), expected.end(), std::string("gone.mp4"), std::string());
-    std::replace(expected.begin(), expected.end(), seventy, std::string(63, 'n'));
-    EXPECT_EQ(expected, day.names);
-    EXPECT_EQ(3, day.last_index);
+    ASSERT_EQ(listed.size(), day.names.size());
+    EXPECT_EQ(static_cast<int>(listed.size()) - 1, day.last_index);
+    for (const char *name : {"a.mp4", "b.mp4"})
+        EXPECT_EQ(name, day.names[entry(name)]);
+}
+
+TEST_F(WalkOfTwoFolders, AnEntryWithoutAFileStaysEmpty)
+{
+    EXPECT_EQ("", day.names.at(entry("gone.mp4")));
+    EXPECT_EQ("", day.times.at(entry("gone.mp4")));
+}
+
+TEST_F(WalkOfTwoFolders, NamesAreCutTo63Characters)
+{
+    EXPECT_EQ(std::string(63, 'n'), day.names.at(entry(kSeventy)));
+    EXPECT_EQ(std::string(63, 'n'), other.name);
+}
+
+TEST_F(WalkOfTwoFolders, AFileWhosePathIsTooLongStaysEmpty)
+{
+    EXPECT_EQ(std::vector<std::string>{""}, other.names);
+}
+
+TEST_F(WalkOfTwoFolders, OnlyTheRecordingInProgressIsMarked)
+{
     struct stat s;
     ASSERT_EQ(0, stat((kSd + "day/a.mp4").c_str(), &s));
     char hms[16];
     strftime(hms, sizeof hms, "%H:%M:%S", localtime(&s.st_ctime));
-    auto time_of = [&](const char *name) {
-        return day.times[std::find(expected.begin(), expected.end(), name) - expected.begin()];
-    };
-    EXPECT_EQ(hms + std::string(" recording..."), time_of("a.mp4"));
-    EXPECT_EQ(hms, time_of("b.mp4"));  // "b.mp" names no file
-    EXPECT_EQ(std::string(63, 'n'), other.name);
-    EXPECT_EQ(std::vector<std::string>{""}, other.names);  // its one file's path is too long
+    EXPECT_EQ(hms + std::string(" recording..."), day.times.at(entry("a.mp4")));
+    EXPECT_EQ(hms, day.times.at(entry("b.mp4")));  // "b.mp" names no file
 }
 
-TEST(RecordingWalk, AFolderKeepsItsFirst1024FilesAndIsReadNoFurther)
+TEST(RecordingWalk, AFolderIsReadNoFurtherThanItsFirst1024Files)
 {
     // On tmpfs (the test's /mnt) a folder lists its entries newest first: the subfolder made
     // first comes after the 1024th file.
@@ -142,10 +177,16 @@ TEST(RecordingWalk, AFolderKeepsItsFirst1024FilesAndIsReadNoFurther)
     EXPECT_EQ(std::string::npos, w.out.find("late"));
 }
 
-TEST(RecordingListing, ReplyHoldsTheFormattedPrintOfTheCardForOddNamesSizesAndLargeCards)
+TEST(RecordingListing, AnEmptyCardListsNothing)
 {
     fresh_card();
     EXPECT_EQ(ts::params("Successfully to get params", "[]"), ts::call(actiongetVideoDirectory, nullptr).reply);
+}
+
+// Odd names, sizes beyond 32 and 53 bits, and a large card.
+TEST(RecordingListing, ReplyIsTheFormattedPrintOfTheCardWhateverItHolds)
+{
+    fresh_card();
     std::string controls, high;
     for (int c = 1; c < 256; ++c)
         (c < 32 ? controls : high) += static_cast<char>(c == '/' ? '_' : c);
@@ -197,16 +238,31 @@ TEST(RecordingListing, BothActionsRefuseACardThatIsNotMounted)
     EXPECT_EQ(0, umount(kSd.c_str()));
 }
 
-TEST(RecordingDeletion, FilesGoUpToTheFirstNonTextNameAndOnly1024NamesAreRead)
+TEST(RecordingDeletion, FilesGoUpToTheFirstNameThatIsNoText)
 {
     fresh_card();
-    for (const char *f : {"day/a.mp4", "day/b.mp4", "c.mp4"})
+    for (const char *f : {"day/a.mp4", "day/b.mp4"})
         ts::make_file(kSd + f, 0);
     EXPECT_EQ("remove file succeed!  len:1", remove(R"({"mode":1,"file":["day/a.mp4",7,"day/b.mp4"]})").out);
     EXPECT_FALSE(ts::exists(kSd + "day/a.mp4"));
-    EXPECT_EQ(kDone, remove(R"({"mode":1,"file":["nothing.mp4","c.mp4","day"]})").reply);  // a folder stays
+    EXPECT_TRUE(ts::exists(kSd + "day/b.mp4"));
+}
+
+TEST(RecordingDeletion, MissingFilesAndFoldersArePassedOver)
+{
+    fresh_card();
+    ts::make_file(kSd + "day/c.mp4", 0);
+    ts::make_file(kSd + "c.mp4", 0);
+    EXPECT_EQ(kDone, remove(R"({"mode":1,"file":["nothing.mp4","c.mp4","day"]})").reply);
     EXPECT_FALSE(ts::exists(kSd + "c.mp4"));
+    EXPECT_TRUE(ts::exists(kSd + "day/c.mp4"));
     EXPECT_EQ(kDone, remove(R"({"mode":1,"file":[]})").reply);
+}
+
+TEST(RecordingDeletion, UnusableBodiesDeleteNothing)
+{
+    fresh_card();
+    ts::make_file(kSd + "day/b.mp4", 0);
     const std::pair<const char *, std::string> refused[] = {
         {R"({"mode":2,"file":["day/b.mp4"]})", kNotDeleted},
         {R"({"mode":-1,"file":["day/b.mp4"]})", kNotDeleted},
@@ -217,7 +273,11 @@ TEST(RecordingDeletion, FilesGoUpToTheFirstNonTextNameAndOnly1024NamesAreRead)
     for (const auto &[body, reply] : refused)
         EXPECT_EQ(reply, remove(body).reply) << body;
     EXPECT_TRUE(ts::exists(kSd + "day/b.mp4"));
+}
 
+TEST(RecordingDeletion, OnlyTheFirst1024NamesAreRead)
+{
+    fresh_card();
     std::string body = R"({"mode":1,"file":[)";
     for (int i = 0; i < 1100; ++i) {
         ts::make_file(kSd + "f" + std::to_string(i), 0);
@@ -228,7 +288,7 @@ TEST(RecordingDeletion, FilesGoUpToTheFirstNonTextNameAndOnly1024NamesAreRead)
     EXPECT_TRUE(ts::exists(kSd + "f1024"));
 }
 
-TEST(RecordingDeletion, FoldersAreEmptiedAndRemovedUntilOneCannotBe)
+TEST(RecordingDeletion, FoldersGoOneByOneUntilOneCannotBeRemoved)
 {
     fresh_card();
     for (int i = 0; i < 1200; ++i)
@@ -245,28 +305,62 @@ TEST(RecordingDeletion, FoldersAreEmptiedAndRemovedUntilOneCannotBe)
     EXPECT_TRUE(ts::exists(kSd + "after/a.mp4"));
 }
 
-TEST(RecordingDeletion, NoNameReachesOutsideTheRootAndARefusalDeletesNothing)
+// Files outside the root (one beside it, as long as the root's own name, so that only a full
+// prefix comparison tells them apart), files inside, and links out of the root and within it.
+class Escapes : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fresh_card();
+        for (const std::string &file : kept)
+            ts::make_file(file, 0);
+        for (auto [target, link] : {std::pair{kOutside, "out"}, {kOutside + "/victim.mp4", "victim.mp4"},
+                                    {".", "self"}, {"day", "today"}, {"loop", "loop"}, {"../sd2", "twin"}})
+            ASSERT_EQ(0, symlink(target.c_str(), (kSd + link).c_str()));
+    }
+
+    // Whether every file is still there; the failure names the first one gone.
+    ::testing::AssertionResult all_kept() const
+    {
+        for (const std::string &file : kept)
+            if (!ts::exists(file))
+                return ::testing::AssertionFailure() << "removed " << file;
+        return ::testing::AssertionSuccess();
+    }
+
+    // Each name leaving the root, after these (a list's opening entries), in both modes:
+    // refused, and every file still there.
+    void expect_each_refused(const std::string &before) const
+    {
+        for (const std::string &name : kLeaving)
+            for (int mode : {0, 1}) {
+                std::string body = "{\"mode\":" + std::to_string(mode) + ",\"file\":[" + before + "\"" + name + "\"]}";
+                EXPECT_EQ(kNotDeleted, remove(body).reply) << body;
+                ASSERT_TRUE(all_kept()) << body;
+            }
+    }
+
+    static inline const std::string kOutside = "/mnt/app/web_root/sx";
+    const std::string kept[4] = {kOutside + "/victim.mp4", "/mnt/app/web_root/sd2/twin.mp4", kSd + "day/keep.mp4",
+                                 kSd + "day/inner.mp4"};
+    const std::vector<std::string> kLeaving = {"..",   "a/../../sx", "day/..", "/mnt/app/web_root/sx", ".",
+                                               "./",   "out",        "out/",   "out/victim.mp4", "victim.mp4",
+                                               "self", "self/",      "today/../../sx", "loop", "twin",
+                                               "twin/twin.mp4"};
+};
+
+TEST_F(Escapes, NoNameReachesOutsideTheRoot)
 {
-    fresh_card();
-    // As long as the root's own name, so that only a full prefix comparison tells them apart.
-    const std::string outside = "/mnt/app/web_root/sx";
-    const std::string kept[] = {outside + "/victim.mp4", "/mnt/app/web_root/sd2/twin.mp4", kSd + "day/keep.mp4",
-                                kSd + "day/inner.mp4"};
-    for (const std::string &file : kept)
-        ts::make_file(file, 0);
-    for (auto [target, link] : {std::pair{outside, "out"}, {outside + "/victim.mp4", "victim.mp4"}, {".", "self"},
-                                {"day", "today"}, {"loop", "loop"}, {"../sd2", "twin"}})
-        ASSERT_EQ(0, symlink(target.c_str(), (kSd + link).c_str()));
-    for (const char *name : {"..", "a/../../sx", "day/..", "/mnt/app/web_root/sx", ".", "./", "out", "out/",
-                             "out/victim.mp4", "victim.mp4", "self", "self/", "today/../../sx", "loop", "twin",
-                             "twin/twin.mp4"})
-        for (int mode : {0, 1}) {
-            std::string body = "{\"mode\":" + std::to_string(mode) + ",\"file\":[\"day/keep.mp4\",\"" + name + "\"]}";
-            EXPECT_EQ(kNotDeleted, remove(body).reply) << body;
-            for (const std::string &file : kept)
-                ASSERT_TRUE(ts::exists(file)) << body << " removed " << file;
-        }
-    // Links that stay inside are followed like any other path.
+    expect_each_refused("");
+}
+
+TEST_F(Escapes, ARefusedNameKeepsTheFilesNamedBeforeIt)
+{
+    expect_each_refused("\"day/keep.mp4\",");
+}
+
+TEST_F(Escapes, LinksThatStayInsideAreFollowed)
+{
     EXPECT_EQ(kDone, remove(R"({"mode":1,"file":["today/inner.mp4","./day//keep.mp4"]})").reply);
     EXPECT_FALSE(ts::exists(kSd + "day/inner.mp4"));
     EXPECT_FALSE(ts::exists(kSd + "day/keep.mp4"));

@@ -1,6 +1,7 @@
 // The web layer's defences: the Host and Origin checks, the framing check over the header
 // fields libmicrohttpd delivers (and what its own strictness would catch), and the headers
 // every reply carries.
+#include "layer_server.h"
 #include "testsupport.h"
 #include "webs/webs.h"
 #include "webs/webs_framing.h"
@@ -17,7 +18,8 @@ namespace {
 
 using webs::HeaderField;
 
-TEST(HostCheck, LiteralsLocalhostAndTheDevicesOwnNameWithAnyPortPass)
+// Address literals, localhost and the device's own name all name the device.
+TEST(HostCheck, TheDevicesOwnNamesPassWithAnyPort)
 {
     for (const char *host : {"192.0.2.10", "192.0.2.10:8080", "127.0.0.1:80", "[::1]", "[::1]:8080",
                              "[2001:DB8::7]:65535", "[::ffff:192.0.2.1]", "localhost", "LocalHost:8080",
@@ -27,7 +29,7 @@ TEST(HostCheck, LiteralsLocalhostAndTheDevicesOwnNameWithAnyPortPass)
     EXPECT_TRUE(webs::host_allowed("Cam-01.", "CAM-01.")) << "the device's name in any case";
 }
 
-TEST(HostCheck, OtherNamesAndAnythingUnreadableAreRefused)
+TEST(HostCheck, EveryOtherHostIsRefused)
 {
     for (const char *host :
          {"attacker.example", "attacker.example:8080", "cam-01.attacker.example", "cam-01.localx", "xcam-01",
@@ -41,7 +43,7 @@ TEST(HostCheck, OtherNamesAndAnythingUnreadableAreRefused)
     EXPECT_FALSE(webs::host_allowed(".local", ""));
 }
 
-TEST(OriginCheck, TheSameHostAndPortMayWriteWithDefaultPortsSpelledOrNot)
+TEST(OriginCheck, TheSameOriginMayWriteWithDefaultPortsSpelledOrNot)
 {
     const std::pair<const char *, const char *> same[] = {
         {"http://192.0.2.10", "192.0.2.10"},          {"http://192.0.2.10:80", "192.0.2.10"},
@@ -55,7 +57,7 @@ TEST(OriginCheck, TheSameHostAndPortMayWriteWithDefaultPortsSpelledOrNot)
     EXPECT_TRUE(webs::origin_allowed(nullptr, nullptr));
 }
 
-TEST(OriginCheck, AnotherHostOrPortNullAndUnreadableOriginsAreRefused)
+TEST(OriginCheck, EveryOtherOriginIsRefused)
 {
     const std::pair<const char *, const char *> refused[] = {
         {"http://attacker.example", "192.0.2.10"},
@@ -193,17 +195,32 @@ const std::string kSmuggling[] = {
     "POST /a HTTP/1.1\r\nHost: x\r\nX: y\rContent-Length: 0\r\n\r\n" + kHidden,
 };
 
-TEST_F(Framing, EachSmugglingShapeThatReachesTheHeaderListGets400AndTheConnectionCloses)
+// The shapes above, and the other doubts the header list shows.
+std::vector<std::string> shapes_the_check_sees()
 {
     std::vector<std::string> shapes(std::begin(kSmuggling), std::end(kSmuggling));
     shapes.push_back("POST /a HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: identity\r\n\r\n" + kHidden);
     shapes.push_back("GET /a HTTP/1.1\r\nHost: x\r\nHost: attacker.example\r\n\r\n");
     shapes.push_back("GET /a HTTP/1.1\r\n\r\n");
-    for (const std::string &shape : shapes) {
+    return shapes;
+}
+
+TEST_F(Framing, EachSmugglingShapeThatReachesTheHeaderListGets400)
+{
+    for (const std::string &shape : shapes_the_check_sees())
+        EXPECT_EQ("HTTP/1.1 400 Bad Request", ts::status_line(send(shape))) << shape;
+}
+
+TEST_F(Framing, TheRequestHiddenBehindASmugglingShapeIsNeverAnswered)
+{
+    for (const std::string &shape : shapes_the_check_sees()) {
         std::string got = send(shape);
-        EXPECT_EQ("HTTP/1.1 400 Bad Request", ts::status_line(got)) << shape;
-        EXPECT_EQ(1u, ts::occurrences(got, "\r\nDate: ")) << "the hidden request is never answered:\n" << got;
+        EXPECT_EQ(1u, ts::occurrences(got, "\r\nDate: ")) << shape << "\n" << got;
     }
+}
+
+TEST_F(Framing, AnHttp10RequestNeedsNoHost)
+{
     EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(send("GET /a HTTP/1.0\r\nConnection: close\r\n\r\n")));
 }
 
@@ -221,10 +238,12 @@ TEST_F(Framing, LibmicrohttpdsStrictnessCatchesNoSmugglingShape)
     checking = true;
 }
 
-// Neither reaches the header list as what it was, and libmicrohttpd 0.9.75 has no switch to
-// refuse them (1.0 has). It appends a folded line to the field's name, so a fold shows only
-// when the continuation holds a character no name may hold; a bare LF ends a line like CRLF.
-TEST_F(Framing, ObsFoldBecomesPartOfTheFieldNameAndABareLineFeedAnOrdinaryLineEnd)
+// Neither an obs-fold nor a bare LF reaches the header list as what it was, and libmicrohttpd
+// 0.9.75 has no switch to refuse them (1.0 has).
+
+// libmicrohttpd appends a folded line to the field's name, so a fold shows only when the
+// continuation holds a character no name may hold.
+TEST_F(Framing, AnObsFoldBecomesPartOfTheFieldName)
 {
     std::string folded = send("GET /a HTTP/1.1\r\nHost: x\r\nX-Folded: a\r\n  b\r\nConnection: close\r\n\r\n");
     EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(folded));
@@ -232,6 +251,10 @@ TEST_F(Framing, ObsFoldBecomesPartOfTheFieldNameAndABareLineFeedAnOrdinaryLineEn
     std::string spaced = send("GET /a HTTP/1.1\r\nHost: x\r\nX-Folded: a\r\n b c\r\n\r\n");
     EXPECT_EQ("HTTP/1.1 400 Bad Request", ts::status_line(spaced));
     EXPECT_NE(std::string::npos, spaced.find("header field name is no token")) << spaced;
+}
+
+TEST_F(Framing, ABareLineFeedEndsALineLikeCrLf)
+{
     std::string bare = send("GET /a HTTP/1.1\nHost: x\nX-Bare: a\nConnection: close\n\n");
     EXPECT_EQ("HTTP/1.1 200 OK", ts::status_line(bare));
     EXPECT_NE(std::string::npos, bare.find("[Host=x][X-Bare=a][Connection=close]")) << bare;
@@ -242,15 +265,12 @@ class Layer : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        signal(SIGPIPE, SIG_IGN);
         ts::reset_device_tree();
         ts::write_file("/mnt/www/page.html", "<p>page</p>");
-        ts::write_file("/mnt/routes.txt", "route uri=/action handler=action methods=GET|POST\n"
-                                          "route uri=/private handler=file methods=\n"
-                                          "route uri=/ handler=file methods=GET|HEAD\n");
-        ASSERT_EQ(0, websOpen("/mnt/www", "/mnt/routes.txt"));
-        port = ts::free_port();
-        ASSERT_GE(websListen(("http://127.0.0.1:" + std::to_string(port)).c_str()), 0);
+        ASSERT_TRUE(server.open("route uri=/action handler=action methods=GET|POST\n"
+                                "route uri=/private handler=file methods=\n"
+                                "route uri=/ handler=file methods=GET|HEAD\n"));
+        port = server.port();
         websDefineAction("json", [](Webs *wp) {
             websWrite(wp, "%s", "{}");
             websDone(wp);
@@ -263,14 +283,7 @@ protected:
         });
         websDefineAction("error", [](Webs *wp) { websError(wp, 403, "no"); });
         websDefineAction("silent", [](Webs *) {});
-        finished = 0;
-        loop = std::thread([this] { websServiceEvents(&finished); });
-    }
-    void TearDown() override
-    {
-        finished = 1;
-        loop.join();
-        websClose();
+        server.run();
     }
 
     std::string get(const std::string &target, const std::string &extra = "")
@@ -279,37 +292,46 @@ protected:
                             2000);
     }
 
+    ts::LayerServer server;
     int port = 0;
-    std::atomic<int> finished{1};
-    std::thread loop;
 };
 
-TEST_F(Layer, EveryKindOfReplyForbidsSniffingFramingAndReferrersAndActionRepliesAreNeverStored)
+struct ReplyKind {
+    std::string target, extra, status;
+    bool no_store;  // action replies and error pages; documents may be kept
+};
+const ReplyKind kReplyKinds[] = {
+    {"/page.html", "", "200 OK", false},
+    {"/page.html", "Range: bytes=1-2\r\n", "206 Partial Content", false},
+    {"/page.html", "Range: bytes=90-\r\n", "416 Range Not Satisfiable", false},
+    {"/page.html", "If-Modified-Since: Fri, 01 Jan 2100 00:00:00 GMT\r\n", "304 Not Modified", false},
+    {"/missing.html", "", "404 Not Found", true},
+    {"/private/x", "", "403 Forbidden", true},
+    {"/action/json", "", "200 OK", true},
+    {"/action/error", "", "403 Forbidden", true},
+    {"/action/silent", "", "500 Internal Server Error", true},
+};
+
+// No sniffing of types, no framing, no referrers.
+TEST_F(Layer, EveryKindOfReplyCarriesTheSecurityHeaders)
 {
     const std::string security = "X-Content-Type-Options: nosniff\r\nX-Frame-Options: DENY\r\n"
                                  "Content-Security-Policy: frame-ancestors 'none'\r\nReferrer-Policy: no-referrer\r\n";
-    struct Case {
-        std::string target, extra, status;
-        bool no_store;  // action replies and error pages; documents may be kept
-    };
-    const Case cases[] = {
-        {"/page.html", "", "200 OK", false},
-        {"/page.html", "Range: bytes=1-2\r\n", "206 Partial Content", false},
-        {"/page.html", "Range: bytes=90-\r\n", "416 Range Not Satisfiable", false},
-        {"/page.html", "If-Modified-Since: Fri, 01 Jan 2100 00:00:00 GMT\r\n", "304 Not Modified", false},
-        {"/missing.html", "", "404 Not Found", true},
-        {"/private/x", "", "403 Forbidden", true},
-        {"/action/json", "", "200 OK", true},
-        {"/action/error", "", "403 Forbidden", true},
-        {"/action/silent", "", "500 Internal Server Error", true},
-    };
-    for (const Case &c : cases) {
+    for (const ReplyKind &c : kReplyKinds) {
         std::string got = get(c.target, c.extra);
         std::string head = got.substr(0, got.find("\r\n\r\n") + 2);
         EXPECT_EQ("HTTP/1.1 " + c.status, ts::status_line(got)) << c.target;
         size_t at = 0;
         for (size_t line = 0; (line = security.find("\r\n", at)) != std::string::npos; at = line + 2)
             EXPECT_NE(std::string::npos, head.find(security.substr(at, line + 2 - at))) << c.target << "\n" << head;
+    }
+}
+
+TEST_F(Layer, OnlyDocumentsMayBeStored)
+{
+    for (const ReplyKind &c : kReplyKinds) {
+        std::string got = get(c.target, c.extra);
+        std::string head = got.substr(0, got.find("\r\n\r\n") + 2);
         EXPECT_EQ(c.no_store ? 1u : 0u, ts::occurrences(head, "Cache-Control: no-store\r\n")) << c.target << head;
         EXPECT_EQ(c.no_store ? 1u : 0u, ts::occurrences(head, "Cache-Control")) << c.target << head;
     }

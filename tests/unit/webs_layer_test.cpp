@@ -1,5 +1,6 @@
 // The web layer in-process, with test actions: the request record, the reply sequence,
 // routing refusals, the action thread and the life cycle of a server.
+#include "layer_server.h"
 #include "testsupport.h"
 #include "webs/webs.h"
 #include "webserver/http_reply.h"
@@ -86,44 +87,31 @@ class Layer : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        signal(SIGPIPE, SIG_IGN);
         ts::reset_device_tree();
         seen.urls.clear();
         seen.waiting.clear();
         seen.silent_calls = 0;
         ts::write_file("/mnt/www/page.html", "page");
         ts::write_file("/mnt/www/private/key", "k");
-        ts::write_file("/mnt/routes.txt", "# test routes\n"
-                                          "route uri=/action handler=action methods=GET|POST\n"
-                                          "route uri=/readonly handler=action methods=GET\n"
-                                          "route uri=/private handler=file methods=\n"
-                                          "route uri=/ handler=file methods=GET|HEAD\n");
-        ASSERT_EQ(0, websOpen("/mnt/www", "/mnt/routes.txt"));
-        port = ts::free_port();
-        ASSERT_GE(websListen(("http://127.0.0.1:" + std::to_string(port)).c_str()), 0);
+        ASSERT_TRUE(server.open("# test routes\n"
+                                "route uri=/action handler=action methods=GET|POST\n"
+                                "route uri=/readonly handler=action methods=GET\n"
+                                "route uri=/private handler=file methods=\n"
+                                "route uri=/ handler=file methods=GET|HEAD\n"));
+        port = server.port();
         websDefineAction("echo", echo);
         websDefineAction("wait", wait_for_test);
         websDefineAction("park", park);
         websDefineAction("silent", [](Webs *) { std::lock_guard<std::mutex> lock(seen.mutex); ++seen.silent_calls; });
         websDefineAction("starved_fail", starved);
         websDefineAction("refuse", [](Webs *wp) { websError(wp, 403, "no <script>%s</script> & \"more\"", "x"); });
-        finished = 0;
-        loop = std::thread([this] { websServiceEvents(&finished); });
+        server.run();
     }
 
     void TearDown() override
     {
         answer_waiting("");
-        stop();
-    }
-
-    void stop()
-    {
-        if (loop.joinable()) {
-            finished = 1;
-            loop.join();
-            websClose();
-        }
+        server.stop();
     }
 
     // Answers every held request with text (drops them unanswered when text is empty).
@@ -150,28 +138,38 @@ protected:
 
     std::string url(const std::string &path) const { return ts::local_url(port, path); }
 
-    std::atomic<int> finished{1};
-    std::thread loop;
+    ts::LayerServer server;
     int port = 0;
 };
 
-// A later part that repeats the field and file name must not replace the first.
-TEST_F(Layer, FirstFilePartBecomesCurrentFileAndIsRemovedAfterTheRequest)
+// A two-part upload whose parts repeat the field and file name; the reply of echo.
+std::string upload_two_parts(int port, const std::string &first)
 {
     std::string part = "--XX\r\nContent-Disposition: form-data; name=\"f\"; filename=\"a.png\"\r\n"
                        "Content-Type: image/png\r\n\r\n";
-    std::string first = std::string(3000, 'q').replace(0, 1, 1, '\0');
     std::string body = part + first + "\r\n" + part + "second\r\n--XX--\r\n";
-    std::string reply =
-        ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\nContent-Type: "
-                           "multipart/form-data; boundary=XX\r\nContent-Length: " +
-                               std::to_string(body.size()) + "\r\n\r\n" + body);
+    return ts::raw_http(port, "POST /action/echo HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\nContent-Type: "
+                              "multipart/form-data; boundary=XX\r\nContent-Length: " +
+                                  std::to_string(body.size()) + "\r\n\r\n" + body);
+}
+
+// A later part must not replace the first.
+TEST_F(Layer, TheFirstFilePartBecomesTheCurrentFile)
+{
+    std::string first = std::string(3000, 'q').replace(0, 1, 1, '\0');
+    std::string reply = upload_two_parts(port, first);
     EXPECT_TRUE(reply.ends_with("\r\n\r\nPOST /action/echo [] 0 a.png,image/png,3000")) << reply;
     EXPECT_EQ(first, seen.file_content);
+}
+
+TEST_F(Layer, TheFilePartIsRemovedAfterTheRequest)
+{
+    std::string reply = upload_two_parts(port, "first");
+    ASSERT_TRUE(reply.ends_with(",5")) << "the part was stored: " << reply;
     EXPECT_EQ(0, ts::temp_files());
 }
 
-TEST_F(Layer, RefusalsAnswerWithTheirStatusAndAnEscapedPage)
+TEST_F(Layer, RoutingRefusalsAnswerWithTheirStatus)
 {
     const struct {
         const char *method, *path;
@@ -190,6 +188,10 @@ TEST_F(Layer, RefusalsAnswerWithTheirStatusAndAnEscapedPage)
         EXPECT_EQ(c.allow, r.headers["allow"]) << c.method << " " << c.path;
     }
     EXPECT_EQ(1, seen.silent_calls);
+}
+
+TEST_F(Layer, AnErrorPageEscapesItsMessage)
+{
     ts::HttpReply page = ts::http({.url = url("/action/refuse")});
     EXPECT_EQ(403, page.status);
     EXPECT_EQ("text/html; charset=utf-8", page.headers["content-type"]);
@@ -231,7 +233,7 @@ TEST_F(Layer, CloseAnswersTheRequestsItsPartsHeldAsUnavailable)
         std::unique_lock<std::mutex> lock(seen.mutex);
         ASSERT_TRUE(seen.changed.wait_for(lock, std::chrono::seconds(5), [] { return seen.urls.size() == 1; }));
     }
-    stop();
+    server.stop();
     a.join();
     EXPECT_EQ(503, first.status);
 }

@@ -1,6 +1,6 @@
 #include "actions/capability_actions.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"

@@ -1,7 +1,7 @@
 #include "actions/clock_actions.h"
 
-#include "actions/reply_text.h"
 #include "c2json/clock_json.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "json2c/clock_json.h"
 

@@ -1,9 +1,9 @@
 #include "actions/language_actions.h"
 
-#include "actions/language_format.h"
-#include "actions/reply_text.h"
 #include "c2json/language_json.h"
+#include "c2json/reply_text.h"
 #include "common/cfgfile.h"
+#include "common/language_format.h"
 #include "common/log.h"
 #include "json2c/language_json.h"
 

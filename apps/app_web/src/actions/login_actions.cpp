@@ -1,8 +1,9 @@
 #include "actions/login_actions.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "common/owners.h"
+#include "json2c/login_json.h"
 #include "session/session.h"
 
 #include <cjson/cJSON.h>

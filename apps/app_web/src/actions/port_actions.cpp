@@ -1,7 +1,7 @@
 #include "actions/port_actions.h"
 
-#include "actions/reply_text.h"
 #include "c2json/port_json.h"
+#include "c2json/reply_text.h"
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"

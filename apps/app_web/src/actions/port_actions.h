@@ -4,9 +4,6 @@
 
 constexpr const char WEB_PORT_FILE[] = "/mnt/usr/config/app_parameters/WebServerParameter.json";
 
-// -1 stands for "no port": the port file is then written with the default port.
-constexpr int WEB_PORT_NONE = -1;
-constexpr int WEB_PORT_DEFAULT = 80;
 // Ports a web server can listen on; the set and the status probe refuse anything else, so
 // no request can leave the device without a web server.
 constexpr int WEB_PORT_MIN = 1;

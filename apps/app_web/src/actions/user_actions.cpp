@@ -1,6 +1,6 @@
 #include "actions/user_actions.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "c2json/user_json.h"
 #include "common/log.h"
 #include "json2c/user_json.h"

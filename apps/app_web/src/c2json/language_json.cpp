@@ -1,7 +1,7 @@
 #include "c2json/language_json.h"
 
 #include "c2json/json_print.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cjson/cJSON.h>
 #include <utility>

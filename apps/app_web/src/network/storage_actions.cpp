@@ -1,6 +1,6 @@
 #include "network/storage.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "common/memory.h"
 

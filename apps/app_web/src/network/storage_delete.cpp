@@ -1,6 +1,7 @@
 #include "network/storage.h"
 
 #include "common/log.h"
+#include "common/text_field.h"
 #include "json2c/json_fields.h"
 
 #include <cerrno>

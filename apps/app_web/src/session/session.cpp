@@ -1,7 +1,7 @@
 #include "session/session.h"
 
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cerrno>
 #include <cstdio>

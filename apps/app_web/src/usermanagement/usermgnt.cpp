@@ -2,7 +2,7 @@
 
 #include "common/cfgfile.h"
 #include "common/log.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "md5/md5.h"
 
 #include <cstring>

@@ -8,7 +8,7 @@
 #include "actions/capability_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "session/session.h"
 #include "webs/webs.h"
 #include "webserver/commands.h"

@@ -1,6 +1,6 @@
 #include "webserver/http_reply.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/owners.h"
 #include "webs/webs.h"
 

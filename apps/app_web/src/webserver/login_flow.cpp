@@ -1,11 +1,11 @@
 #include "webserver/login_flow.h"
 
 #include "actions/login_actions.h"
-#include "actions/reply_text.h"
 #include "c2json/login_json.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "json2c/login_json.h"
 #include "session/login_throttle.h"
 #include "session/session.h"

@@ -3,7 +3,7 @@
 #include "actions/port_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
 #include "webserver/service.h"

@@ -3,7 +3,7 @@
 #include "common/event_loop.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "webserver/commands.h"
 #include "webserver/device_message.h"
 #include "webserver/nn_owners.h"

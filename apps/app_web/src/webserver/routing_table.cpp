@@ -2,7 +2,7 @@
 
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cstdio>
 #include <cstring>

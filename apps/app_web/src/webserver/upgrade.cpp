@@ -1,6 +1,6 @@
 #include "webserver/upgrade.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "c2json/upgrade_json.h"
 #include "common/log.h"
 #include "common/owners.h"

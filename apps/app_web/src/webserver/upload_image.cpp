@@ -3,7 +3,7 @@
 #include "actions/password_check.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "md5/md5.h"
 #include "session/login_throttle.h"
 #include "session/session.h"

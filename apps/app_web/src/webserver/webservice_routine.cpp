@@ -1,10 +1,10 @@
 // The web server thread: configures the web layer, opens the listening endpoint, binds the
 // "device" action to the dispatcher and serves until the supervisor sets finished.
-#include "actions/language_format.h"
+#include "common/language_format.h"
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "webs/webs.h"
 #include "webs/webs_version.h"
 #include "webserver/dispatcher.h"

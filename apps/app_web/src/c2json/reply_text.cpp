@@ -1,4 +1,4 @@
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 
 #include "common/owners.h"
 

@@ -26,7 +26,7 @@
 #include <cstring>
 #include <memory>
 
-std::mutex mutex;
+std::mutex mutex;  // kept for the contract; never contended (see dispatcher.h)
 
 namespace {
 

@@ -38,12 +38,20 @@ public:
         va_copy(copy, ap);
         int need = vsnprintf(nullptr, 0, fmt, copy);
         va_end(copy);
+        failed_ = failed_ || need < 0;
         if (need <= 0)
             return;
         size_t old = heap_.size();
         heap_.resize(old + need + 1);
         vsnprintf(&heap_[old], need + 1, fmt, ap);
         heap_.resize(old + need);
+    }
+
+    // A part could not be formatted (an encoding error).
+    bool failed() const { return failed_; }
+    bool ends_with(char c) const
+    {
+        return heap_.empty() ? used_ > 0 && stack_[used_ - 1] == c : heap_.back() == c;
     }
 
     void write_to(int fd) const
@@ -58,6 +66,7 @@ private:
     char stack_[1024];
     size_t used_ = 0;
     std::string heap_;
+    bool failed_ = false;
 };
 
 // The lines a thread keeps while it is inside a LogBatch: the texts in order, and where each
@@ -166,6 +175,18 @@ void log_debug_line(const char *file, int line, const char *fmt, ...)
     b.appendv(fmt, ap);
     va_end(ap);
     b.write_to(STDOUT_FILENO);
+}
+
+void log_line_v(int fd, const char *fmt, va_list ap)
+{
+    LineBuilder b;
+    b.appendv(fmt, ap);
+    if (b.failed())
+        return;
+    // Messages are lines: one without its newline gets one.
+    if (!b.ends_with('\n'))
+        b.append("\n");
+    b.write_to(fd);
 }
 
 void log_print(const char *fmt, ...)

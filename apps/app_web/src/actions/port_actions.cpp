@@ -8,7 +8,6 @@
 #include "json2c/port_json.h"
 
 #include <cstdio>
-#include <memory>
 
 namespace {
 

@@ -422,7 +422,7 @@ void request_completed(void *, MHD_Connection *, void **req_cls, MHD_RequestTerm
 
 void mhd_logger(void *, const char *fmt, va_list ap)
 {
-    char line[512];
+    char line[kMaxEngineMessage];
     vsnprintf(line, sizeof line, fmt, ap);
     trace(2, "http: %s", line);
 }
@@ -447,7 +447,7 @@ bool parse_endpoint(const char *endpoint, sockaddr_in *addr)
     char *end = nullptr;
     errno = 0;
     long p = port.empty() ? -1 : strtol(port.c_str(), &end, 10);
-    if (errno != 0 || p < 0 || p > 65535 || (end && *end != '\0'))
+    if (errno != 0 || p < 0 || p > kMaxTcpPort || (end && *end != '\0'))
         return false;
     *addr = {};
     addr->sin_family = AF_INET;
@@ -562,7 +562,7 @@ void websClose()
         // resumed and sends what it has (its 503) or is closed.
         while (!srv->suspended.empty())
             resume(*srv->suspended.begin());
-        for (int i = 0; i < 3; ++i)
+        for (int i = 0; i < kCloseDrainTurns; ++i)
             MHD_run_wait(srv->daemon, 0);
         forget_listener();
         srv->daemon_watch.reset();

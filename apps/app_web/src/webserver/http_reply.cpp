@@ -12,6 +12,8 @@ namespace {
 // What a failure reply is when the heap cannot hold the object or its text: the same form,
 // without the reason text (which would need escaping and room).
 constexpr char kFixedFailure[] = "{\n\t\"Result\":\t\"Fail\",\n\t\"ErrorNo\":\t%d,\n\t\"Reason\":\t\"\"\n}";
+// Room for the code that replaces "%d": an int has at most 10 digits and a sign.
+constexpr size_t kMaxCodeDigits = 11;
 // The formatted print of {"Result": "OK"}: it never varies, so it is never built.
 constexpr char kOK[] = "{\n\t\"Result\":\t\"OK\"\n}";
 
@@ -43,7 +45,7 @@ void json_perror(Webs *wp, int code, const char *reason)
         http_response(wp, text.get());
         return;
     }
-    char fixed[sizeof kFixedFailure + 16];
+    char fixed[sizeof kFixedFailure + kMaxCodeDigits];
     snprintf(fixed, sizeof fixed, kFixedFailure, code);
     http_response(wp, fixed);
 }

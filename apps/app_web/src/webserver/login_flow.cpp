@@ -16,7 +16,6 @@
 #include "webserver/routing_table.h"
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 namespace {

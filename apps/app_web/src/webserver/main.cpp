@@ -1,6 +1,7 @@
 // Process entry: prepares the process, reads the command line, starts the web server thread
 // and then supervises its port for the rest of the process's life.
 #include "actions/port_actions.h"
+#include "c2json/port_json.h"
 #include "common/log.h"
 #include "common/owners.h"
 #include "common/text_field.h"
@@ -38,7 +39,7 @@ int main(int argc, char **argv)
     mallopt(M_MMAP_THRESHOLD, static_cast<int>(webs_limits::kConnectionMemory));
 #endif
 
-    WebParams web_params = {80, 443, "*", "eth0"};
+    WebParams web_params = {WEB_PORT_DEFAULT, WEB_HTTPS_PORT_DEFAULT, "*", "eth0"};
     int args = argc - 1;
     if (args == 1 && argv[1][0] == 'h') {
         show_help();

@@ -22,7 +22,6 @@
 
 #include <cstddef>
 #include <functional>
-#include <string>
 
 // Socket of the latest connection to the upgrade application, else -1.
 extern int http_msg_upgrade_fd;

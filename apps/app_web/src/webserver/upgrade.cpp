@@ -8,13 +8,10 @@
 #include "webserver/http_reply.h"
 #include "webserver/msg_exchange.h"
 
-#include <cerrno>
 #include <cjson/cJSON.h>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {

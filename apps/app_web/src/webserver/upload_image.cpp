@@ -242,7 +242,7 @@ bool caller_allowed(Webs *wp, const RequestQuery &q)
     if (strlen(q.password) == kDigestTextLength) {
         copy_field(digest_text, sizeof digest_text, q.password);
     } else {
-        unsigned char digest[16];
+        unsigned char digest[MD5_DIGEST_SIZE];
         MD5Buffer(q.password, static_cast<unsigned>(strlen(q.password)), digest);
         md5_sig_to_string(digest, digest_text, sizeof digest_text);
     }

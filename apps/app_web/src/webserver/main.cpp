@@ -3,7 +3,6 @@
 #include "actions/port_actions.h"
 #include "c2json/port_json.h"
 #include "common/log.h"
-#include "common/owners.h"
 #include "common/text_field.h"
 #include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
@@ -66,12 +65,9 @@ int main(int argc, char **argv)
     // one closes. Each relay opens and closes its own socket, so an idle socket held for the
     // process's life spares every relay a thread start and join.
     NnSocket messaging_kept_up(nn_socket(AF_SP, NN_PAIR));
-    // The stored port wins over the command line.
-    int stored_port = -1;
-    char *reply = nullptr;
-    actionGetPortParam(nullptr, &reply, &stored_port);
-    HeapText unread(reply);
-    if (stored_port != -1) {
+    // The stored port wins over the command line; a stored "no port" leaves it.
+    int stored_port = WEB_PORT_NONE;
+    if (web_stored_port(&stored_port) == 0 && stored_port != WEB_PORT_NONE) {
         web_params.http_port = stored_port;
         HTTP_PRINT("web init port %d \n", stored_port);
     }

@@ -40,7 +40,7 @@ bool settable(const struct tm &tm)
 int http_Set_LocalTime(const struct tm *tm)
 {
     if (!tm || !settable(*tm)) {
-        HTTP_ERROR("parma is invailed:\n");
+        HTTP_ERROR("parma is invailed:\n");  // contract: exact bytes
         if (tm) {
             HTTP_PRINT("sec=%d,min=%d,hour=%d\n", tm->tm_sec, tm->tm_min, tm->tm_hour);
             HTTP_PRINT("day=%d,mon=%d,year=%d;tm_wday=%d\n", tm->tm_mday, tm->tm_mon, tm->tm_year, tm->tm_wday);
@@ -87,7 +87,7 @@ int actionsetDeviceLocalTime(const char *in_json, char **out_json)
         formatFailCallJSON(out_json, "set rtc fail");
         return rc;
     }
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }
 
@@ -108,10 +108,10 @@ int actiongetDeviceLocalTime(const char * /*in_json*/, char **out_json)
     char *params = nullptr;
     int rc = formatDeviceTimeParamJSON(&params, text);
     if (rc != 0) {
-        HTTP_ERROR("Format time fail  return : %d\n", rc);
+        HTTP_ERROR("Format time fail  return : %d\n", rc);  // contract: exact bytes
         formatFailCallJSON(out_json, "get device local time fail");
         return rc;
     }
-    formatParamsJSON(out_json, "Successfully to get params", params);
+    formatParamsJSON(out_json, REPLY_REASON_GOT, params);
     return 0;
 }

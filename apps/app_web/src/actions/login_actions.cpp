@@ -46,6 +46,6 @@ int actionLogOut(const char *in_json, char **out_json)
         formatFailCallJSON(out_json, "Invalid session id");
         return -1;
     }
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }

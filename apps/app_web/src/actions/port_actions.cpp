@@ -71,7 +71,7 @@ int actionGetPortParam(const char * /*in_json*/, char **out_json, int *port)
     }
     if (port)
         *port = parsed;
-    formatParamsJSON(out_json, "Successfully to get params", stored.release());
+    formatParamsJSON(out_json, REPLY_REASON_GOT, stored.release());
     return 0;
 }
 
@@ -108,7 +108,7 @@ int actionSetPortParam(const char *in_json, char **out_json, int *port)
     }
     if (port)
         *port = parsed;
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }
 

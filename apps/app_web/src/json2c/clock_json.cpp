@@ -11,7 +11,7 @@ int getRtcParamFromJSON(const char *text, struct tm *tm)
     // Ranges are compared as unsigned, so a negative value fails each of them. The year is
     // bounded later, by the step that sets the clock.
     const JsonField fields[] = {
-        json_int_in("tm_sec", &tm->tm_sec, 0, 59, "Invalid params ! <sec>\n"),
+        json_int_in("tm_sec", &tm->tm_sec, 0, 59, "Invalid params ! <sec>\n"),  // contract: exact bytes
         json_int_in("tm_min", &tm->tm_min, 0, 59, "Invalid params! <min>\n"),
         json_int_in("tm_hour", &tm->tm_hour, 0, 23, "Invalid params! <hour>\n"),
         json_int_in("tm_mday", &tm->tm_mday, 1, 31, "Invalid params! <mday>\n"),

@@ -107,6 +107,7 @@ void relay(const RequestPtr &req)
         if (!route) {
             char reason[HTTP_REASON_SIZE];
             snprintf(reason, sizeof reason, "%s :%s", kNoProtocol, req->action);
+            // contract: exact bytes
             HTTP_ERROR_AS("actionGetMethodUrl", "web server not support this protocol! :%s\n", kNoProtocol);
             Outcome o = Outcome::of(501, nullptr, reason);
             reply_with(*req, o);

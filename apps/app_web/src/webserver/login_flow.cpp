@@ -44,7 +44,7 @@ void ask_device(const LoginParam &login, const char *body, WebsHold hold, Verifi
         int rc = formatLoginMsgParamJSON(&payload_raw, &login);
         HeapText payload(payload_raw);
         if (rc != 0 || !payload) {
-            HTTP_ERROR_AS("ask_device", "Format Language fail  return : %d\n", rc);
+            HTTP_ERROR_AS("ask_device", "Format Language fail  return : %d\n", rc);  // contract: exact bytes
             route.reset();
             v.verdict = Verdict::PayloadFailed;
             v.result = rc != 0 ? rc : -15;

@@ -17,6 +17,7 @@
 
 void show_help()
 {
+    // contract: exact bytes (the whole help text)
     HTTP_PRINT("---------------------------------------------\n");
     HTTP_PRINT("./webserver \t\t\t:  using function  ==> eth0   80 \n");
     HTTP_PRINT("./webserver 88\t\t\t:  using function  ==> eth0   88 (Custom port) \n");
@@ -58,7 +59,7 @@ int main(int argc, char **argv)
     }
 
     if (http_read_config_command() != 0) {
-        HTTP_ERROR("http read comfig fail\n");
+        HTTP_ERROR("http read comfig fail\n");  // contract: exact bytes
         return 0;
     }
     // nanomsg starts its worker thread with the first open socket and joins it when the last
@@ -69,7 +70,7 @@ int main(int argc, char **argv)
     int stored_port = WEB_PORT_NONE;
     if (web_stored_port(&stored_port) == 0 && stored_port != WEB_PORT_NONE) {
         web_params.http_port = stored_port;
-        HTTP_PRINT("web init port %d \n", stored_port);
+        HTTP_PRINT("web init port %d \n", stored_port);  // contract: exact bytes
     }
 
     HTTP_WEB_PORT = web_params.http_port;

@@ -1,12 +1,12 @@
 // Replies. A procedure's reply is collected in the request record (status, headers, body)
 // and sent whole with a Content-Length once websDone completes it, so keep-alive works and
 // a procedure never waits for the network.
+#include "common/formatted_text.h"
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <strings.h>
 
@@ -223,21 +223,12 @@ ssize_t websWrite(Webs *wp, const char *fmt, ...)
         size_t len = strlen(text);
         return reply_append(wp->priv->reply, text, len) ? static_cast<ssize_t>(len) : -1;
     }
-    char stack[1024];
-    va_list copy;
-    va_copy(copy, ap);
-    int n = vsnprintf(stack, sizeof stack, fmt, copy);
-    va_end(copy);
-    bool ok = n >= 0;
-    if (ok && static_cast<size_t>(n) < sizeof stack) {
-        ok = reply_append(wp->priv->reply, stack, static_cast<size_t>(n));
-    } else if (ok) {
-        std::string big(static_cast<size_t>(n) + 1, '\0');
-        vsnprintf(big.data(), big.size(), fmt, ap);
-        ok = reply_append(wp->priv->reply, big.data(), static_cast<size_t>(n));
-    }
+    FormattedText text;
+    text.appendv(fmt, ap);
     va_end(ap);
-    return ok ? n : -1;
+    if (text.failed() || !reply_append(wp->priv->reply, text.c_str(), text.size()))
+        return -1;
+    return static_cast<ssize_t>(text.size());
 }
 
 ssize_t websFlush(Webs *wp, bool block)
@@ -257,22 +248,14 @@ void websError(Webs *wp, int code, const char *fmt, ...)
 {
     if (!reply_open(wp))
         return;
-    std::string message;
+    FormattedText message;
     if (fmt) {
         va_list ap;
         va_start(ap, fmt);
-        va_list copy;
-        va_copy(copy, ap);
-        int n = vsnprintf(nullptr, 0, fmt, copy);
-        va_end(copy);
-        if (n > 0) {
-            message.resize(static_cast<size_t>(n) + 1);
-            vsnprintf(message.data(), message.size(), fmt, ap);
-            message.resize(static_cast<size_t>(n));
-        }
+        message.appendv(fmt, ap);
         va_end(ap);
     }
-    reply_failed(wp->priv, code, message.c_str());
+    reply_failed(wp->priv, code, message.failed() ? "" : message.c_str());
 }
 
 ssize_t bufLen(const WebsBuf *bp)

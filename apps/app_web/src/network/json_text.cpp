@@ -2,17 +2,18 @@
 
 #include <cjson/cJSON.h>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
-JsonTextBuffer::JsonTextBuffer(size_t expected)
+JsonTextBuffer::JsonTextBuffer(size_t expected) : text_(expected + 1)
 {
-    capacity_ = expected + 1;
-    data_.reset(static_cast<char *>(malloc(capacity_)));
-    if (!data_) {
-        capacity_ = 0;
+    if (!text_.reserve_more(expected))
         failed_ = true;
-    }
+}
+
+void JsonTextBuffer::fail()
+{
+    failed_ = true;
+    text_ = GrowingBuffer();
 }
 
 // Room for more bytes and the terminator at the end of the text; nullptr after a failure.
@@ -20,27 +21,18 @@ char *JsonTextBuffer::room(size_t more)
 {
     if (failed_)
         return nullptr;
-    size_t need = used_ + more + 1;
-    if (need > capacity_) {
-        size_t capacity = capacity_ * 2 > need ? capacity_ * 2 : need;
-        char *grown = static_cast<char *>(realloc(data_.get(), capacity));
-        if (!grown) {
-            failed_ = true;
-            data_.reset();
-            return nullptr;
-        }
-        (void)data_.release();
-        data_.reset(grown);
-        capacity_ = capacity;
+    if (!text_.reserve_more(more)) {
+        fail();
+        return nullptr;
     }
-    return data_.get() + used_;
+    return text_.end();
 }
 
 void JsonTextBuffer::raw(std::string_view text)
 {
     if (char *p = room(text.size())) {
         memcpy(p, text.data(), text.size());
-        used_ += text.size();
+        text_.grow_used(text.size());
     }
 }
 
@@ -75,7 +67,7 @@ void JsonTextBuffer::string(std::string_view text)
         }
     }
     *p++ = '"';
-    used_ += static_cast<size_t>(p - start);
+    text_.grow_used(static_cast<size_t>(p - start));
 }
 
 void JsonTextBuffer::number(double value)
@@ -99,8 +91,7 @@ void JsonTextBuffer::number(double value)
     CJsonPtr item(cJSON_CreateNumber(value));
     HeapText printed(item ? cJSON_PrintUnformatted(item.get()) : nullptr);
     if (!printed) {
-        failed_ = true;
-        data_.reset();
+        fail();
         return;
     }
     raw(printed.get());
@@ -110,12 +101,6 @@ char *JsonTextBuffer::release()
 {
     if (failed_ || !room(0))
         return nullptr;
-    data_.get()[used_] = '\0';
-    // Give back the unused room; a failed shrink leaves the text where it is.
-    if (char *fitted = static_cast<char *>(realloc(data_.get(), used_ + 1))) {
-        (void)data_.release();
-        data_.reset(fitted);
-    }
-    capacity_ = used_ = 0;
-    return data_.release();
+    text_.shrink_to_fit();
+    return text_.release();
 }

@@ -2,7 +2,7 @@
 // printer spells strings and numbers, so that a large document needs no cJSON tree.
 #pragma once
 
-#include "common/owners.h"
+#include "common/growing_buffer.h"
 
 #include <cstddef>
 #include <string_view>
@@ -27,9 +27,8 @@ public:
 
 private:
     char *room(size_t more);
+    void fail();
 
-    HeapText data_;
-    size_t used_ = 0;
-    size_t capacity_ = 0;
+    GrowingBuffer text_;
     bool failed_ = false;
 };

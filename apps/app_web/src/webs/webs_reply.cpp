@@ -42,26 +42,10 @@ bool reply_append(ReplyBuffer &b, const char *text, size_t len)
 {
     if (b.overflow)
         return false;
-    if (b.length + len > webs_limits::kMaxReply) {
+    if (b.body.size() + len > webs_limits::kMaxReply || !b.body.append(text, len)) {
         b.overflow = true;
         return false;
     }
-    if (b.length + len + 1 > b.room) {
-        size_t room = b.room ? b.room : 256;
-        while (room < b.length + len + 1)
-            room *= 2;
-        char *grown = static_cast<char *>(realloc(b.data.get(), room));
-        if (!grown) {
-            b.overflow = true;
-            return false;
-        }
-        (void)b.data.release();
-        b.data.reset(grown);
-        b.room = room;
-    }
-    memcpy(b.data.get() + b.length, text, len);
-    b.length += len;
-    b.data.get()[b.length] = '\0';
     return true;
 }
 
@@ -150,12 +134,10 @@ MHD_Result queue_action_reply(WebsPrivate *r)
         return queue_error_page(r->connection, MHD_HTTP_INTERNAL_SERVER_ERROR, "Reply too large");
     }
     MHD_Response *response = nullptr;
-    if (b.length > 0) {
-        response = MHD_create_response_from_buffer_with_free_callback(b.length, b.data.get(), free);
-        if (response) {
-            (void)b.data.release();
-            b.length = b.room = 0;
-        }
+    if (b.body.size() > 0) {
+        response = MHD_create_response_from_buffer_with_free_callback(b.body.size(), b.body.data(), free);
+        if (response)
+            (void)b.body.release();  // libmicrohttpd frees it
     } else {
         response = MHD_create_response_from_buffer(0, const_cast<char *>(""), MHD_RESPMEM_PERSISTENT);
     }
@@ -235,7 +217,7 @@ ssize_t websFlush(Webs *wp, bool block)
 {
     // Nothing leaves before websDone: the whole reply goes out at once with its length.
     (void)block;
-    return reply_open(wp) ? static_cast<ssize_t>(wp->priv->reply.length) : -1;
+    return reply_open(wp) ? static_cast<ssize_t>(wp->priv->reply.body.size()) : -1;
 }
 
 void websDone(Webs *wp)

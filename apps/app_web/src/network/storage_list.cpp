@@ -2,8 +2,8 @@
 
 #include "c2json/json_layout.h"
 #include "common/log.h"
+#include "common/text_field.h"
 
-#include <cstring>
 
 // The listing is written as the text that cJSON's formatted printer makes of the array
 // [{"dir_name", "file_info": [{"size", "time", "name"}, ...]}, ...] (c2json/json_layout.h);
@@ -63,7 +63,7 @@ int formatVideoDirParamJSON(char **out, const NETSDK_LINK_NODE *head)
         text.element();
         text.begin_object();
         text.key("dir_name");
-        text.string(std::string_view(node->dir_name, strnlen(node->dir_name, kNetsdkTextSize - 1)));
+        text.string(field_text(node->dir_name));
         text.key("file_info");
         write_files(text, node);
         text.end_object();

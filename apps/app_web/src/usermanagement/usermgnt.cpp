@@ -97,10 +97,9 @@ int change_password(UsermgntConfig *config, const UsermgntUser &want)
 
 } // namespace
 
-bool usermgnt_field_is(const char *field, const char *text)
+bool usermgnt_field_is(const char (&field)[USERMGNT_FIELD_SIZE], const char *text)
 {
-    size_t n = strnlen(field, USERMGNT_FIELD_SIZE);
-    return strncmp(field, text, n) == 0 && text[n] == '\0';
+    return field_text(field) == text;
 }
 
 int HTTP_Get_UsermgntConfig(UsermgntConfig *config)

@@ -15,21 +15,12 @@ constexpr size_t kLocalTimeSize = 128;  // "yyyy/mm/dd_hh:mm:ss" with room to sp
 // than that, and a page that sends the time again must not make the clock jump.
 constexpr long long kClockToleranceSeconds = 2;
 
-// What the clock may be set to; tm_year counts from 1900, so 71-169 is 1971-2069.
-struct FieldRange {
-    int tm::*field;
-    unsigned min, max;
-};
-constexpr FieldRange kSettableRanges[] = {
-    {&tm::tm_sec, 0, 59},  {&tm::tm_min, 0, 59}, {&tm::tm_hour, 0, 23},   {&tm::tm_mday, 1, 31},
-    {&tm::tm_mon, 0, 11},  {&tm::tm_wday, 0, 6}, {&tm::tm_year, 71, 169},
-};
-
+// Whether every field lies in the range the request body's fields have (the year included).
 bool settable(const struct tm &tm)
 {
-    for (const FieldRange &r : kSettableRanges) {
-        unsigned value = static_cast<unsigned>(tm.*r.field);  // negative values fail too
-        if (value < r.min || value > r.max)
+    for (const ClockField &f : kClockFields) {
+        unsigned value = static_cast<unsigned>(tm.*f.field);  // negative values fail too
+        if (value < f.min || value > f.max)
             return false;
     }
     return true;

@@ -8,6 +8,9 @@ set -eu
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
 
+echo "== folder includes"
+scripts/check_includes.sh
+
 jobs=$(nproc 2>/dev/null || echo 2)
 export ASAN_OPTIONS="halt_on_error=1:abort_on_error=0:detect_leaks=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"

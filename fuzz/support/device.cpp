@@ -1,10 +1,10 @@
 #include "device.h"
 
 #include "fuzz_target.h"
-#include "actions/language_format.h"
 #include "common/cfgfile.h"
+#include "common/language_format.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "session/session.h"
 #include "usermanagement/usermgnt.h"
 #include "webserver/nn_owners.h"

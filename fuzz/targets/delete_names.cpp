@@ -3,7 +3,7 @@
 //
 // Input: a byte for the mode (-1, 0, 1 or 2), then the names, one per line.
 #include "fuzz_target.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "network/storage.h"
 #include "support/device.h"
 

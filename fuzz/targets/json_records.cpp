@@ -2,7 +2,7 @@
 // parser must answer 0, -2 or -15 and, on 0, leave only terminated texts within their fields
 // and values within the ranges it promises.
 #include "fuzz_target.h"
-#include "actions/language_format.h"
+#include "common/language_format.h"
 #include "json2c/clock_json.h"
 #include "json2c/language_json.h"
 #include "json2c/login_json.h"

@@ -1,6 +1,6 @@
 // The service host: the webserver binary's command line and start-up seen from outside, and
 // in-process the web server thread, the port supervisor and the language record.
-#include "actions/language_format.h"
+#include "common/language_format.h"
 #include "testsupport.h"
 #include "webserver/service.h"
 

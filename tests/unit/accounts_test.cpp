@@ -2,7 +2,7 @@
 // Logout and the password check are proven through the server (the gate and watermark tests).
 #include "actions/password_check.h"
 #include "actions/user_actions.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "json2c/login_json.h"
 #include "md5/md5.h"
 #include "session/session.h"

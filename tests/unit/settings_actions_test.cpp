@@ -3,9 +3,9 @@
 #include "actions/capability_actions.h"
 #include "actions/clock_actions.h"
 #include "actions/language_actions.h"
-#include "actions/language_format.h"
 #include "actions/port_actions.h"
 #include "actions/user_actions.h"
+#include "common/language_format.h"
 #include "common/owners.h"
 #include "usermanagement/usermgnt.h"
 #include "testsupport.h"
@@ -200,6 +200,24 @@ TEST_F(SettingsActions, PortStatusTellsAListeningPortFromOneNetstatDoesNotList)
     // Unusable ports are refused before netstat, whose every line would hold a "0".
     for (int port : {0, 65536})
         EXPECT_EQ(ts::fail("Failed to get params"), status(port)) << port;
+}
+
+// The process entry starts on the stored port: read, and created when missing, as the get
+// action does; a file without a usable port gives none.
+TEST_F(SettingsActions, StoredPortIsThePortTheGetActionReports)
+{
+    const std::pair<const char *, int> cases[] = {
+        {nullptr, 80}, {R"({"Port":8080})", 8080}, {R"({"Port":"8080"})", kUntouched}, {"{", kUntouched}};
+    for (const auto &[stored, expected] : cases) {
+        const std::string name = stored ? stored : "(missing)";
+        ts::remove_tree(WEB_PORT_FILE);
+        if (stored)
+            ts::write_file(WEB_PORT_FILE, stored);
+        int port = kUntouched;
+        EXPECT_EQ(expected == kUntouched ? -1 : 0, web_stored_port(&port)) << name;
+        EXPECT_EQ(expected, port) << name;
+        EXPECT_EQ(stored ? stored : "{\n\t\"Port\":\t80\n}", ts::read_file(WEB_PORT_FILE)) << name;
+    }
 }
 
 // Every action that rewrites a settings file leaves its mode as the installer set it: the

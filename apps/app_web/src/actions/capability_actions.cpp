@@ -1,6 +1,6 @@
 #include "actions/capability_actions.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"
@@ -36,6 +36,6 @@ int actionGetDeviceCap(const char *cap_path, const char * /*in_json*/, char **ou
         return -1;
     }
     check.reset();
-    formatParamsJSON(out_json, "Successfully to get params", text.release());
+    formatParamsJSON(out_json, REPLY_REASON_GOT, text.release());
     return 0;
 }

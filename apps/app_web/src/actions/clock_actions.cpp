@@ -1,7 +1,7 @@
 #include "actions/clock_actions.h"
 
-#include "actions/reply_text.h"
 #include "c2json/clock_json.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "json2c/clock_json.h"
 
@@ -15,21 +15,12 @@ constexpr size_t kLocalTimeSize = 128;  // "yyyy/mm/dd_hh:mm:ss" with room to sp
 // than that, and a page that sends the time again must not make the clock jump.
 constexpr long long kClockToleranceSeconds = 2;
 
-// What the clock may be set to; tm_year counts from 1900, so 71-169 is 1971-2069.
-struct FieldRange {
-    int tm::*field;
-    unsigned min, max;
-};
-constexpr FieldRange kSettableRanges[] = {
-    {&tm::tm_sec, 0, 59},  {&tm::tm_min, 0, 59}, {&tm::tm_hour, 0, 23},   {&tm::tm_mday, 1, 31},
-    {&tm::tm_mon, 0, 11},  {&tm::tm_wday, 0, 6}, {&tm::tm_year, 71, 169},
-};
-
+// Whether every field lies in the range the request body's fields have (the year included).
 bool settable(const struct tm &tm)
 {
-    for (const FieldRange &r : kSettableRanges) {
-        unsigned value = static_cast<unsigned>(tm.*r.field);  // negative values fail too
-        if (value < r.min || value > r.max)
+    for (const ClockField &f : kClockFields) {
+        unsigned value = static_cast<unsigned>(tm.*f.field);  // negative values fail too
+        if (value < f.min || value > f.max)
             return false;
     }
     return true;
@@ -40,7 +31,7 @@ bool settable(const struct tm &tm)
 int http_Set_LocalTime(const struct tm *tm)
 {
     if (!tm || !settable(*tm)) {
-        HTTP_ERROR("parma is invailed:\n");
+        HTTP_ERROR("parma is invailed:\n");  // contract: exact bytes
         if (tm) {
             HTTP_PRINT("sec=%d,min=%d,hour=%d\n", tm->tm_sec, tm->tm_min, tm->tm_hour);
             HTTP_PRINT("day=%d,mon=%d,year=%d;tm_wday=%d\n", tm->tm_mday, tm->tm_mon, tm->tm_year, tm->tm_wday);
@@ -87,7 +78,7 @@ int actionsetDeviceLocalTime(const char *in_json, char **out_json)
         formatFailCallJSON(out_json, "set rtc fail");
         return rc;
     }
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }
 
@@ -108,10 +99,10 @@ int actiongetDeviceLocalTime(const char * /*in_json*/, char **out_json)
     char *params = nullptr;
     int rc = formatDeviceTimeParamJSON(&params, text);
     if (rc != 0) {
-        HTTP_ERROR("Format time fail  return : %d\n", rc);
+        HTTP_ERROR("Format time fail  return : %d\n", rc);  // contract: exact bytes
         formatFailCallJSON(out_json, "get device local time fail");
         return rc;
     }
-    formatParamsJSON(out_json, "Successfully to get params", params);
+    formatParamsJSON(out_json, REPLY_REASON_GOT, params);
     return 0;
 }

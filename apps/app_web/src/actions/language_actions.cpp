@@ -1,9 +1,9 @@
 #include "actions/language_actions.h"
 
-#include "actions/language_format.h"
-#include "actions/reply_text.h"
 #include "c2json/language_json.h"
+#include "c2json/reply_text.h"
 #include "common/cfgfile.h"
+#include "common/language_format.h"
 #include "common/log.h"
 #include "json2c/language_json.h"
 
@@ -22,11 +22,11 @@ int actionGetLanguageFormat(const char * /*in_json*/, char **out_json)
     char *params = nullptr;
     rc = formatLanguageParamJSON(&params, &lang);
     if (rc != 0) {
-        HTTP_ERROR("Format Language fail  return : %d\n", rc);
+        HTTP_ERROR("Format Language fail  return : %d\n", rc);  // contract: exact bytes
         formatFailCallJSON(out_json, "get language params fail");
         return rc;
     }
-    formatParamsJSON(out_json, "Successfully to get params", params);
+    formatParamsJSON(out_json, REPLY_REASON_GOT, params);
     return 0;
 }
 
@@ -45,6 +45,6 @@ int actionSetLanguageFormat(const char *in_json, char **out_json)
         formatFailCallJSON(out_json, "set language params fail");
         return -1;
     }
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }

@@ -1,8 +1,9 @@
 #include "actions/login_actions.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "common/owners.h"
+#include "json2c/login_json.h"
 #include "session/session.h"
 
 #include <cjson/cJSON.h>
@@ -45,6 +46,6 @@ int actionLogOut(const char *in_json, char **out_json)
         formatFailCallJSON(out_json, "Invalid session id");
         return -1;
     }
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }

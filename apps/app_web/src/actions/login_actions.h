@@ -1,7 +1,7 @@
 // Opening and closing sessions.
 #pragma once
 
-#include "json2c/login_json.h"
+#include "common/login_param.h"
 
 // Opens a session for login; the reply carries its id. -16 with the refusal reply when the
 // session table refuses.

@@ -12,7 +12,7 @@ int check_user_pass_valid(const char *username, const char *password)
     UsermgntConfig config;
     int ret = HTTP_Get_UsermgntConfig(&config);
     if (ret != 0) {
-        HTTP_ERROR("get User params fail!  return : %d\n", ret);
+        HTTP_ERROR("get User params fail!  return : %d\n", ret);  // contract: exact bytes
         return 0;
     }
     for (const UsermgntUser &slot : config.user) {
@@ -22,6 +22,6 @@ int check_user_pass_valid(const char *username, const char *password)
         if (usermgnt_field_is(slot.user_name, username) && usermgnt_field_is(slot.password, password))
             return 1;
     }
-    HTTP_ERROR("login < UserName and password is false>\n");
+    HTTP_ERROR("login < UserName and password is false>\n");  // contract: exact bytes
     return 0;
 }

@@ -1,14 +1,13 @@
 #include "actions/port_actions.h"
 
-#include "actions/reply_text.h"
 #include "c2json/port_json.h"
+#include "c2json/reply_text.h"
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"
 #include "json2c/port_json.h"
 
 #include <cstdio>
-#include <memory>
 
 namespace {
 
@@ -34,36 +33,54 @@ HeapText read_port_file()
     return HeapText(http_get_datafile(WEB_PORT_FILE, &length));
 }
 
+// The port file's text as it stands and its port in *port, the file created with the
+// default port first when it is missing or empty; nullptr when no port can be read. The port
+// comes from a second read, which also proves that a just-created default file was written.
+// Its lines carry the name of the action the logs know them by.
+HeapText stored_port_file(int *port)
+{
+    HeapText stored = read_port_file();
+    if (!stored) {
+        char *text = nullptr;
+        int rc = formatPortParamJSON(&text, WEB_PORT_NONE);
+        if (rc != 0) {
+            HTTP_ERROR_AS("actionGetPortParam", "Get http port Fail : %d\n", rc);
+            return nullptr;
+        }
+        stored.reset(text);
+        // A failed write shows up as a failed second read below.
+        http_set_jsoncfgfile(WEB_PORT_FILE, stored.get());
+    }
+    HeapText current = read_port_file();
+    if (getPortFormatFromJSON(current.get(), port) != 0)
+        return nullptr;
+    return stored;
+}
+
 } // namespace
 
 int actionGetPortParam(const char * /*in_json*/, char **out_json, int *port)
 {
     if (!out_json)
         return -2;
-    HeapText stored = read_port_file();
-    if (!stored) {
-        char *text = nullptr;
-        int rc = formatPortParamJSON(&text, WEB_PORT_NONE);
-        if (rc != 0) {
-            HTTP_ERROR("Get http port Fail : %d\n", rc);
-            formatFailCallJSON(out_json, "Failed to get params");
-            return -1;
-        }
-        stored.reset(text);
-        // A failed write shows up as a failed second read below.
-        http_set_jsoncfgfile(WEB_PORT_FILE, stored.get());
-    }
-    // The port comes from a second read, which also proves that a just-created default
-    // file was written.
-    HeapText current = read_port_file();
     int parsed = 0;
-    if (getPortFormatFromJSON(current.get(), &parsed) != 0) {
+    HeapText stored = stored_port_file(&parsed);
+    if (!stored) {
         formatFailCallJSON(out_json, "Failed to get params");
         return -1;
     }
     if (port)
         *port = parsed;
-    formatParamsJSON(out_json, "Successfully to get params", stored.release());
+    formatParamsJSON(out_json, REPLY_REASON_GOT, stored.release());
+    return 0;
+}
+
+int web_stored_port(int *port)
+{
+    int parsed = 0;
+    if (!port || !stored_port_file(&parsed))
+        return -1;
+    *port = parsed;
     return 0;
 }
 
@@ -91,7 +108,7 @@ int actionSetPortParam(const char *in_json, char **out_json, int *port)
     }
     if (port)
         *port = parsed;
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }
 

@@ -28,6 +28,7 @@ int actionSetDeviceReboot(const char * /*in_json*/, char **out_json)
         *out_json = nullptr;
     HTTP_SYSTEM_CMD("sync");
     pause_seconds(kFlushPauseSeconds);
+    // contract: exact bytes (the whole banner)
     HTTP_PRINT("\n");
     HTTP_PRINT("_________________________________________________________________\n");
     HTTP_PRINT("|                Device Start Restart <system>                  |\n");

@@ -1,6 +1,6 @@
 #include "actions/user_actions.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "c2json/user_json.h"
 #include "common/log.h"
 #include "json2c/user_json.h"
@@ -14,18 +14,18 @@ int actionGetUserParam(const char * /*in_json*/, char **out_json)
     UsermgntConfig config{};
     int ret = HTTP_Get_UsermgntConfig(&config);
     if (ret != 0) {
-        HTTP_ERROR("get User Param  fail  return : %d\n", ret);
+        HTTP_ERROR("get User Param  fail  return : %d\n", ret);  // contract: exact bytes
         formatFailCallJSON(out_json, "get User params fail");
         return -1;
     }
     char *list = nullptr;
     ret = formatUserParamJSON(&list, config);
     if (ret != 0) {
-        HTTP_ERROR("Format User params fail  return : %d\n", ret);
+        HTTP_ERROR("Format User params fail  return : %d\n", ret);  // contract: exact bytes
         formatFailCallJSON(out_json, "get User params fail");
         return ret;
     }
-    formatParamsJSON(out_json, "Successfully to get params", list);
+    formatParamsJSON(out_json, REPLY_REASON_GOT, list);
     return 0;
 }
 
@@ -46,6 +46,6 @@ int actionSetUserParam(const char *in_json, char **out_json)
         formatFailCallJSON(out_json, "set User params fail");
         return ret;
     }
-    formatSuccessCallJSON(out_json, "Successfully to set params");
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }

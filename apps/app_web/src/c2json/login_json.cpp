@@ -3,11 +3,11 @@
 #include "c2json/json_print.h"
 #include "common/log.h"
 #include "common/owners.h"
+#include "common/text_field.h"
 
 #include <cjson/cJSON.h>
-#include <utility>
-#include <cstring>
 #include <string>
+#include <utility>
 
 int formatLoginMsgParamJSON(char **out, const LoginParam *login)
 {
@@ -17,8 +17,8 @@ int formatLoginMsgParamJSON(char **out, const LoginParam *login)
     }
     *out = nullptr;
     // The record's fields may be filled to the last byte; never read past them.
-    std::string name(login->username, strnlen(login->username, sizeof login->username));
-    std::string password(login->password, strnlen(login->password, sizeof login->password));
+    std::string name(field_text(login->username));
+    std::string password(field_text(login->password));
     CJsonPtr obj(cJSON_CreateObject());
     bool built = obj && cJSON_AddStringToObject(obj.get(), "UserName", name.c_str()) &&
                  cJSON_AddStringToObject(obj.get(), "Password", password.c_str()) &&

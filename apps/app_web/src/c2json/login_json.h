@@ -1,7 +1,7 @@
 // The password-verification payload sent to the device application with "VerifyPassword".
 #pragma once
 
-#include "json2c/login_json.h"
+#include "common/login_param.h"
 
 // Prints {"UserName", "Password", "MD5Password": 1} into *out (heap text, the caller
 // frees it). 0; -2 missing argument; -15 the object cannot be built or printed.

@@ -1,7 +1,6 @@
 #include "c2json/port_json.h"
 
 #include "c2json/json_print.h"
-#include "actions/port_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
 

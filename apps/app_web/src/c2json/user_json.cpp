@@ -3,21 +3,11 @@
 #include "c2json/json_print.h"
 #include "common/log.h"
 #include "common/owners.h"
+#include "common/text_field.h"
 
 #include <cjson/cJSON.h>
-#include <utility>
-#include <cstring>
 #include <string>
-
-namespace {
-
-// A stored field as text; a field filled to its last byte (a damaged file) is not read past.
-std::string field_text(const char *field)
-{
-    return std::string(field, strnlen(field, USERMGNT_FIELD_SIZE));
-}
-
-} // namespace
+#include <utility>
 
 int formatUserParamJSON(char **out, UsermgntConfig config)
 {
@@ -32,8 +22,10 @@ int formatUserParamJSON(char **out, UsermgntConfig config)
         if (!built || slot.user_name[0] == '\0')
             break;
         CJsonPtr item(cJSON_CreateObject());
-        built = item && cJSON_AddStringToObject(item.get(), "user_name", field_text(slot.user_name).c_str()) &&
-                cJSON_AddStringToObject(item.get(), "password", field_text(slot.password).c_str()) &&
+        // A field filled to its last byte (a damaged file) is not read past.
+        std::string name(field_text(slot.user_name)), digest(field_text(slot.password));
+        built = item && cJSON_AddStringToObject(item.get(), "user_name", name.c_str()) &&
+                cJSON_AddStringToObject(item.get(), "password", digest.c_str()) &&
                 cJSON_AddItemToArray(list.get(), item.get());
         if (built)
             item.release();  // now owned by the list

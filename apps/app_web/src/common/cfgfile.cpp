@@ -107,6 +107,7 @@ ReplaceStep replace_file(const char *target, const void *data, size_t len, mode_
 int http_get_cfgfile(const char *cfg_name, void *cfg_data, long size)
 {
     if (!cfg_name || !cfg_data || size == 0) {
+        // contract: exact bytes
         HTTP_ERROR("cfg_name[%p] cfg_data[%p] size[%ld] invailed\n", static_cast<const void *>(cfg_name),
                    cfg_data, size);
         return -2;
@@ -142,6 +143,7 @@ int http_get_cfgfile(const char *cfg_name, void *cfg_data, long size)
 int http_set_cfgfile(const char *cfg_name, const void *cfg_data, int size)
 {
     if (!cfg_name || !cfg_data || size <= 0) {
+        // contract: exact bytes
         HTTP_ERROR("cfg_name[%p] cfg_data[%p] size[%d] invailed\n", static_cast<const void *>(cfg_name),
                    cfg_data, size);
         return -2;
@@ -166,6 +168,7 @@ int http_set_cfgfile(const char *cfg_name, const void *cfg_data, int size)
 char *http_get_datafile(const char *cfg_name, int *get_data_length)
 {
     if (!cfg_name || !get_data_length) {
+        // contract: exact bytes
         HTTP_ERROR("cfg_name[%p] get_data_length[%p] invailed\n", static_cast<const void *>(cfg_name),
                    static_cast<void *>(get_data_length));
         return nullptr;

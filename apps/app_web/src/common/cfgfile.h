@@ -9,7 +9,6 @@
 // the umask.
 #pragma once
 
-#include <cstddef>
 #include <mutex>
 
 extern std::mutex mutex_common;

@@ -1,8 +1,9 @@
 #include "common/log.h"
 
+#include "common/formatted_text.h"
+
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <unistd.h>
@@ -10,55 +11,6 @@
 #include <vector>
 
 namespace {
-
-// Formats prefix and message into one text; a stack buffer serves nearly every line.
-class LineBuilder {
-public:
-    void append(const char *fmt, ...) __attribute__((format(printf, 2, 3)))
-    {
-        va_list ap;
-        va_start(ap, fmt);
-        appendv(fmt, ap);
-        va_end(ap);
-    }
-
-    void appendv(const char *fmt, va_list ap)
-    {
-        va_list copy;
-        va_copy(copy, ap);
-        int room = static_cast<int>(sizeof(stack_) - used_);
-        int n = heap_.empty() ? vsnprintf(stack_ + used_, room, fmt, copy) : -2;
-        va_end(copy);
-        if (n >= 0 && n < room) {
-            used_ += n;
-            return;
-        }
-        if (heap_.empty())
-            heap_.assign(stack_, used_);
-        va_copy(copy, ap);
-        int need = vsnprintf(nullptr, 0, fmt, copy);
-        va_end(copy);
-        if (need <= 0)
-            return;
-        size_t old = heap_.size();
-        heap_.resize(old + need + 1);
-        vsnprintf(&heap_[old], need + 1, fmt, ap);
-        heap_.resize(old + need);
-    }
-
-    void write_to(int fd) const
-    {
-        if (heap_.empty())
-            log_write_all(fd, stack_, used_);
-        else
-            log_write_all(fd, heap_.data(), heap_.size());
-    }
-
-private:
-    char stack_[1024];
-    size_t used_ = 0;
-    std::string heap_;
-};
 
 // The lines a thread keeps while it is inside a LogBatch: the texts in order, and where each
 // run of lines to one stream ends.
@@ -132,11 +84,11 @@ namespace {
 
 void error_line(const char *file, int line, const char *func, const char *fmt, va_list ap)
 {
-    LineBuilder b;
+    FormattedText b;
     b.append("\033[1;31m<ERROR! %.*s:%d, %s>: ", log_module_length(file), file, line, func);
     b.appendv(fmt, ap);
     b.append("\033[0m");
-    b.write_to(STDERR_FILENO);
+    log_write_all(STDERR_FILENO, b.c_str(), b.size());
 }
 
 } // namespace
@@ -159,21 +111,33 @@ void log_error_at(const LogSite &site, const char *fmt, ...)
 
 void log_debug_line(const char *file, int line, const char *fmt, ...)
 {
-    LineBuilder b;
+    FormattedText b;
     b.append("<DEBUG file %.*s, line %d>: ", log_module_length(file), file, line);
     va_list ap;
     va_start(ap, fmt);
     b.appendv(fmt, ap);
     va_end(ap);
-    b.write_to(STDOUT_FILENO);
+    log_write_all(STDOUT_FILENO, b.c_str(), b.size());
+}
+
+void log_line_v(int fd, const char *fmt, va_list ap)
+{
+    FormattedText b;
+    b.appendv(fmt, ap);
+    if (b.failed())
+        return;
+    // Messages are lines: one without its newline gets one.
+    if (!b.ends_with('\n'))
+        b.append("\n");
+    log_write_all(fd, b.c_str(), b.size());
 }
 
 void log_print(const char *fmt, ...)
 {
-    LineBuilder b;
+    FormattedText b;
     va_list ap;
     va_start(ap, fmt);
     b.appendv(fmt, ap);
     va_end(ap);
-    b.write_to(STDOUT_FILENO);
+    log_write_all(STDOUT_FILENO, b.c_str(), b.size());
 }

@@ -4,6 +4,7 @@
 // (the event loop batches each turn: a relay's dozen lines cost one write, not twelve).
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 
 void log_error_line(const char *file, int line, const char *func, const char *fmt, ...)
@@ -19,6 +20,11 @@ struct LogSite {
 };
 #define LOG_HERE (LogSite{__FILE__, __LINE__, __func__})
 void log_error_at(const LogSite &site, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// One line without prefix, formatted from fmt and written whole to fd (with a newline added
+// when the text does not end in one); nothing is written when the text cannot be formatted.
+// The web layer's own log (webs.h) writes its lines through this.
+void log_line_v(int fd, const char *fmt, va_list ap);
 
 // Writes the bytes to fd in full (retrying short writes and EINTR), or keeps them in the
 // calling thread's batch; the building block of the functions above, also used for lines

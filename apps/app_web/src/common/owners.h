@@ -37,31 +37,39 @@ struct PipeCloser {
 // A stream from popen.
 using PipePtr = std::unique_ptr<FILE, PipeCloser>;
 
-// A file descriptor; -1 holds nothing.
-class UniqueFd {
+// An integer handle that Close releases (a file descriptor, a nanomsg socket); -1 holds
+// nothing.
+template <class Close>
+class UniqueHandle {
 public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release()) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept
+    UniqueHandle() = default;
+    explicit UniqueHandle(int handle) : handle_(handle) {}
+    UniqueHandle(UniqueHandle &&other) noexcept : handle_(other.release()) {}
+    UniqueHandle &operator=(UniqueHandle &&other) noexcept
     {
         reset(other.release());
         return *this;
     }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    ~UniqueFd() { reset(); }
+    UniqueHandle(const UniqueHandle &) = delete;
+    UniqueHandle &operator=(const UniqueHandle &) = delete;
+    ~UniqueHandle() { reset(); }
 
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1)
+    int get() const { return handle_; }
+    explicit operator bool() const { return handle_ >= 0; }
+    int release() { return std::exchange(handle_, -1); }
+    void reset(int handle = -1)
     {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = fd;
+        if (handle_ >= 0)
+            Close()(handle_);
+        handle_ = handle;
     }
 
 private:
-    int fd_ = -1;
+    int handle_ = -1;
 };
+
+struct FdCloser {
+    void operator()(int fd) const { ::close(fd); }
+};
+// A file descriptor.
+using UniqueFd = UniqueHandle<FdCloser>;

@@ -1,5 +1,7 @@
 #include "json2c/json_fields.h"
 
+#include "common/text_field.h"
+
 #include <cstring>
 
 bool json_int_value(const cJSON *item, int *value)
@@ -13,15 +15,6 @@ bool json_int_value(const cJSON *item, int *value)
         return true;
     }
     return false;
-}
-
-void copy_field(char *dest, size_t size, const char *src)
-{
-    if (size == 0)
-        return;
-    size_t n = strnlen(src, size - 1);
-    memcpy(dest, src, n);
-    dest[n] = '\0';
 }
 
 namespace {

@@ -75,6 +75,3 @@ int json_parse_fields(const char *text, const JsonField (&fields)[N], const LogS
 {
     return json_parse_fields(text, fields, N, site, tree);
 }
-
-// Copies src into a fixed field of size bytes, cut and always terminated.
-void copy_field(char *dest, size_t size, const char *src);

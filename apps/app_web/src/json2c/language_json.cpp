@@ -1,5 +1,6 @@
 #include "json2c/language_json.h"
 
+#include "common/text_field.h"
 #include "json2c/json_fields.h"
 
 namespace {

@@ -35,12 +35,12 @@ int getLoginParamFromJSON_msg(const char *json, int *pass_validation)
         return ret;
     const cJSON *result = cJSON_GetObjectItemCaseSensitive(root.get(), "Result");
     if (!cJSON_IsString(result) || !result->valuestring || strcmp(result->valuestring, "OK") != 0) {
-        HTTP_ERROR(" Result is empty or error value type \n");
+        HTTP_ERROR(" Result is empty or error value type \n");  // contract: exact bytes
         return -2;
     }
     const cJSON *params = cJSON_GetObjectItemCaseSensitive(root.get(), "Parameters");
     if (!cJSON_IsObject(params)) {
-        HTTP_ERROR(" object is empty or error value type \n");
+        HTTP_ERROR(" object is empty or error value type \n");  // contract: exact bytes
         return -2;
     }
     const JsonField fields[] = {json_int("PassValidation", pass_validation)};

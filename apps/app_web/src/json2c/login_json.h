@@ -2,16 +2,11 @@
 // device application, and the logout body.
 #pragma once
 
+#include "common/login_param.h"
+
 #include <cstddef>
 
-constexpr size_t LOGIN_FIELD_SIZE = 64;       // user name or password, terminator included
-constexpr int LOGIN_DEFAULT_TIMEOUT = 1800;   // seconds of idle time when the body asks for less than 1
-
-// The credentials of a login body or of a request's query.
-struct LoginParam {
-    char username[LOGIN_FIELD_SIZE];
-    char password[LOGIN_FIELD_SIZE];
-};
+constexpr int LOGIN_DEFAULT_TIMEOUT = 1800;  // seconds of idle time when the body asks for less than 1
 
 // Login body {"username", "password", "timeout"}: both texts non-empty (cut to 63
 // characters), "timeout" numeric; a time-out below 1 yields LOGIN_DEFAULT_TIMEOUT.

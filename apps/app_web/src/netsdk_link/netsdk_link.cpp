@@ -2,7 +2,7 @@
 
 #include "common/log.h"
 
-#include <cstdlib>
+#include <utility>
 #include <cstring>
 #include <new>
 
@@ -15,29 +15,16 @@ constexpr size_t kEntryFixedBytes = sizeof(uint64_t) + 2;
 
 } // namespace
 
-bool NetsdkFileTable::reserve(size_t need)
-{
-    if (need <= capacity_)
-        return true;
-    size_t capacity = capacity_ ? capacity_ : kTableFirstBytes;
-    while (capacity < need)
-        capacity *= 2;
-    char *grown = static_cast<char *>(realloc(data_.get(), capacity));
-    if (!grown)
-        return false;
-    (void)data_.release();
-    data_.reset(grown);
-    capacity_ = capacity;
-    return true;
-}
+NetsdkFileTable::NetsdkFileTable() : entries_(kTableFirstBytes) {}
 
 bool NetsdkFileTable::append(const NETSDK_FILE_INFO &entry)
 {
     size_t time_len = strnlen(entry.time, kNetsdkTextSize - 1);
     size_t name_len = strnlen(entry.name, kNetsdkTextSize - 1);
-    if (!reserve(used_ + kEntryFixedBytes + time_len + name_len))
+    size_t packed = kEntryFixedBytes + time_len + name_len;
+    if (!entries_.reserve_more(packed))
         return false;
-    unsigned char *p = reinterpret_cast<unsigned char *>(data_.get()) + used_;
+    unsigned char *p = reinterpret_cast<unsigned char *>(entries_.end());
     memcpy(p, &entry.size, sizeof entry.size);
     p += sizeof entry.size;
     *p++ = static_cast<unsigned char>(time_len);
@@ -45,22 +32,18 @@ bool NetsdkFileTable::append(const NETSDK_FILE_INFO &entry)
     p += time_len;
     *p++ = static_cast<unsigned char>(name_len);
     memcpy(p, entry.name, name_len);
-    used_ += kEntryFixedBytes + time_len + name_len;
+    entries_.grow_used(packed);
     ++count_;
     return true;
 }
 
 bool NetsdkFileTable::assign(const NetsdkFileTable &other)
 {
-    HeapText copy;
-    if (other.used_ > 0) {
-        copy.reset(static_cast<char *>(malloc(other.used_)));
-        if (!copy)
-            return false;
-        memcpy(copy.get(), other.data_.get(), other.used_);
-    }
-    data_ = std::move(copy);
-    used_ = capacity_ = other.used_;
+    // An exact-size copy: the copies in a listing are only read.
+    GrowingBuffer copy(other.entries_.size() + 1);
+    if (other.entries_.size() > 0 && !copy.append(other.entries_.data(), other.entries_.size()))
+        return false;
+    entries_ = std::move(copy);
     count_ = other.count_;
     return true;
 }

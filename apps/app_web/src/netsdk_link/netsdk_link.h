@@ -4,6 +4,7 @@
 // the head in a NetsdkLinkPtr).
 #pragma once
 
+#include "common/growing_buffer.h"
 #include "common/owners.h"
 
 #include <cstddef>
@@ -46,7 +47,7 @@ struct NetsdkFileView {
 // and the name as length-prefixed texts) and the table grows with what it holds.
 class NetsdkFileTable {
 public:
-    NetsdkFileTable() = default;
+    NetsdkFileTable();
     NetsdkFileTable(const NetsdkFileTable &) = delete;
     NetsdkFileTable &operator=(const NetsdkFileTable &) = delete;
 
@@ -56,24 +57,21 @@ public:
     bool assign(const NetsdkFileTable &other);
     int count() const { return count_; }
     // Bytes the entries take; a guide to the size of their JSON text.
-    size_t bytes() const { return used_; }
+    size_t bytes() const { return entries_.size(); }
 
     // Calls visit(NetsdkFileView) for each entry in order.
     template <class Visit>
     void for_each(Visit &&visit) const
     {
-        const unsigned char *p = reinterpret_cast<const unsigned char *>(data_.get());
+        const unsigned char *p = reinterpret_cast<const unsigned char *>(entries_.data());
         for (int i = 0; i < count_; ++i)
             visit(unpack(&p));
     }
 
 private:
     static NetsdkFileView unpack(const unsigned char **p);
-    bool reserve(size_t need);
 
-    HeapText data_;
-    size_t used_ = 0;
-    size_t capacity_ = 0;
+    GrowingBuffer entries_;
     int count_ = 0;
 };
 

@@ -1,7 +1,7 @@
 #include "netsdk_link/netsdk_link.h"
 
 #include "common/log.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cstring>
 #include <ctime>

@@ -1,6 +1,6 @@
 #include "network/storage.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "common/memory.h"
 
@@ -14,11 +14,9 @@ namespace {
 // empty and marks no file.
 constexpr char record_file[] = "";
 
-constexpr char kReasonNotMounted[] = "storage device not mount";
-constexpr char kReasonListed[] = "Successfully to get params";
-constexpr char kReasonDeleted[] = "Successfully to set params";
+constexpr char kReasonNotMounted[] = "storage device not mount";  // contract: exact bytes
 constexpr char kReasonBadBody[] = "Invalid input params";
-constexpr char kReasonNotDeleted[] = "set delect storage fil fail";
+constexpr char kReasonNotDeleted[] = "set delect storage fil fail";  // contract: exact bytes
 
 bool storage_mounted() { return access(kStorageListFile, W_OK) == 0; }
 
@@ -29,7 +27,7 @@ int actiongetVideoDirectory(const char * /*in_json*/, char **out_json)
     if (!out_json)
         return -2;
     if (!storage_mounted()) {
-        HTTP_ERROR(" Storage device not mounted: %s", kStorageListFile);
+        HTTP_ERROR(" Storage device not mounted: %s", kStorageListFile);  // contract: exact bytes
         formatFailCallJSON(out_json, kReasonNotMounted);
         return -1;
     }
@@ -51,11 +49,11 @@ int actiongetVideoDirectory(const char * /*in_json*/, char **out_json)
     list.reset();
     release_free_memory();
     if (rc != 0 || !listing) {
-        HTTP_ERROR("get Storage Param fail  return : %d\n", rc);
+        HTTP_ERROR("get Storage Param fail  return : %d\n", rc);  // contract: exact bytes
         formatFailCallJSON(out_json, kReasonNotMounted);
         return rc;
     }
-    formatParamsJSON(out_json, kReasonListed, listing);
+    formatParamsJSON(out_json, REPLY_REASON_GOT, listing);
     return 0;
 }
 
@@ -64,7 +62,7 @@ int actionSetStorageDelectFile(const char *in_json, char **out_json)
     if (!out_json)
         return -2;
     if (!storage_mounted()) {
-        HTTP_ERROR(" Storage device not mounted: %d", 0);
+        HTTP_ERROR(" Storage device not mounted: %d", 0);  // contract: exact bytes
         formatFailCallJSON(out_json, kReasonNotMounted);
         return -1;
     }
@@ -76,16 +74,16 @@ int actionSetStorageDelectFile(const char *in_json, char **out_json)
         rc = getStorageFileParamFromJSON(in_json, param.get());
     }
     if (rc != 0) {
-        HTTP_ERROR("Invalid input params return: %d", rc);
+        HTTP_ERROR("Invalid input params return: %d", rc);  // contract: exact bytes
         formatFailCallJSON(out_json, kReasonBadBody);
         return -1;
     }
     rc = DEVSDK_Delect_StorageFile(param.get());
     if (rc != 0) {
-        HTTP_ERROR("Delect file fail! return: %d", rc);
+        HTTP_ERROR("Delect file fail! return: %d", rc);  // contract: exact bytes
         formatFailCallJSON(out_json, kReasonNotDeleted);
         return rc;
     }
-    formatSuccessCallJSON(out_json, kReasonDeleted);
+    formatSuccessCallJSON(out_json, REPLY_REASON_SET);
     return 0;
 }

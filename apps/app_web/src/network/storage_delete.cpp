@@ -1,6 +1,7 @@
 #include "network/storage.h"
 
 #include "common/log.h"
+#include "common/text_field.h"
 #include "json2c/json_fields.h"
 
 #include <cerrno>
@@ -50,7 +51,7 @@ int getStorageFileParamFromJSON(const char *text, StorageFileParam *param)
         return rc;
     const cJSON *names = cJSON_GetObjectItemCaseSensitive(tree.get(), "file");
     if (!cJSON_IsArray(names)) {
-        HTTP_ERROR(" array is empty or error value type \n");
+        HTTP_ERROR(" array is empty or error value type \n");  // contract: exact bytes
         return -2;
     }
     int i = 0;
@@ -91,7 +92,7 @@ int DEVSDK_Delect_StorageFile(const StorageFileParam *param)
         char name[kStorageNameSize];
         copy_field(name, sizeof name, param->file[i]);
         if (name[0] == '\0') {
-            HTTP_PRINT("remove file succeed!  len:%d", i);
+            HTTP_PRINT("remove file succeed!  len:%d", i);  // contract: exact bytes
             return 0;
         }
         char path[kStoragePathSize];

@@ -1,13 +1,13 @@
 #include "network/storage.h"
 
+#include "c2json/json_layout.h"
 #include "common/log.h"
-#include "network/json_text.h"
+#include "common/text_field.h"
 
-#include <cstring>
 
 // The listing is written as the text that cJSON's formatted printer makes of the array
-// [{"dir_name", "file_info": [{"size", "time", "name"}, ...]}, ...]; a tree of every file
-// would cost several times the text.
+// [{"dir_name", "file_info": [{"size", "time", "name"}, ...]}, ...] (c2json/json_layout.h);
+// a tree of every file would cost several times the text.
 namespace {
 
 // Bytes a listed file adds beyond its packed entry: keys, tabs, newlines, quotes, separators
@@ -25,23 +25,23 @@ size_t expected_size(const NETSDK_LINK_NODE *head)
 
 // The node's entries (0 to last_index: the node holds no more), leaving out those that hold
 // no file.
-void write_files(JsonTextBuffer &text, const NETSDK_LINK_NODE *node)
+void write_files(JsonLayout &text, const NETSDK_LINK_NODE *node)
 {
-    text.raw("[");
-    bool first = true;
+    text.begin_array();
     node->files.for_each([&](const NetsdkFileView &file) {
         if (file.name.empty())
             return;
-        text.raw(first ? "{\n\t\t\t\t\"size\":\t" : ", {\n\t\t\t\t\"size\":\t");
-        first = false;
+        text.element();
+        text.begin_object();
+        text.key("size");
         text.number(static_cast<double>(file.size));
-        text.raw(",\n\t\t\t\t\"time\":\t");
+        text.key("time");
         text.string(file.time);
-        text.raw(",\n\t\t\t\t\"name\":\t");
+        text.key("name");
         text.string(file.name);
-        text.raw("\n\t\t\t}");
+        text.end_object();
     });
-    text.raw("]");
+    text.end_array();
 }
 
 } // namespace
@@ -53,20 +53,22 @@ int formatVideoDirParamJSON(char **out, const NETSDK_LINK_NODE *head)
         return -2;
     }
     *out = nullptr;
-    JsonTextBuffer text(expected_size(head));
+    JsonLayout text(expected_size(head));
     if (text.failed()) {
         HTTP_ERROR("Out of memory!\n");
         return -15;
     }
-    text.raw("[");
+    text.begin_array();
     for (const NETSDK_LINK_NODE *node = head->next; node; node = node->next) {
-        text.raw(node == head->next ? "{\n\t\t\"dir_name\":\t" : ", {\n\t\t\"dir_name\":\t");
-        text.string(std::string_view(node->dir_name, strnlen(node->dir_name, kNetsdkTextSize - 1)));
-        text.raw(",\n\t\t\"file_info\":\t");
+        text.element();
+        text.begin_object();
+        text.key("dir_name");
+        text.string(field_text(node->dir_name));
+        text.key("file_info");
         write_files(text, node);
-        text.raw("\n\t}");
+        text.end_object();
     }
-    text.raw("]");
+    text.end_array();
     *out = text.release();
     return 0;
 }

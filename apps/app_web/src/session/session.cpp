@@ -1,7 +1,7 @@
 #include "session/session.h"
 
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -47,6 +47,18 @@ int find_slot(const char *session_id)
         if (strcmp(user_sessions[i].session_id, session_id) == 0)
             return i;
     return -1;
+}
+
+// Runs fn(slot) on the slot of session_id with the table locked; -1 when the id is missing,
+// empty or unknown.
+template <class Fn>
+int with_session(const char *session_id, Fn fn)
+{
+    if (!session_id || session_id[0] == '\0')
+        return -1;
+    std::lock_guard<std::mutex> lock(sessions_mutex);
+    int slot = find_slot(session_id);
+    return slot < 0 ? -1 : fn(slot);
 }
 
 // Kernels before 3.17 have no getrandom; they offer the same source as /dev/urandom.
@@ -114,32 +126,24 @@ int add_new_session(const char *user_name, int timeout, char **session_id)
 
 int find_saved_session(const char *session_id, const char *access)
 {
-    if (!session_id || session_id[0] == '\0')
-        return -1;
-    std::lock_guard<std::mutex> lock(sessions_mutex);
-    int slot = find_slot(session_id);
-    if (slot < 0)
-        return -1;
-    UserSession &s = user_sessions[slot];
-    int32_t now = monotonic_seconds();
-    if (expired(s, now)) {
-        s.session_id[0] = '\0';
-        return -1;
-    }
-    if (access && strcmp(access, "set") == 0)
-        s.last_access = now;
-    return slot;
+    return with_session(session_id, [access](int slot) {
+        UserSession &s = user_sessions[slot];
+        int32_t now = monotonic_seconds();
+        if (expired(s, now)) {
+            s.session_id[0] = '\0';
+            return -1;
+        }
+        if (access && strcmp(access, "set") == 0)
+            s.last_access = now;
+        return slot;
+    });
 }
 
 int delete_session_by_id(const char *session_id)
 {
-    if (!session_id || session_id[0] == '\0')
-        return -1;
-    std::lock_guard<std::mutex> lock(sessions_mutex);
-    int slot = find_slot(session_id);
-    if (slot < 0)
-        return -1;
-    user_sessions[slot].session_id[0] = '\0';
-    user_sessions[slot].user_name[0] = '\0';
-    return slot;
+    return with_session(session_id, [](int slot) {
+        user_sessions[slot].session_id[0] = '\0';
+        user_sessions[slot].user_name[0] = '\0';
+        return slot;
+    });
 }

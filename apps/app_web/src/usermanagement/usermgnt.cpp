@@ -2,7 +2,7 @@
 
 #include "common/cfgfile.h"
 #include "common/log.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "md5/md5.h"
 
 #include <cstring>
@@ -44,7 +44,7 @@ int add_user(UsermgntConfig *config, const UsermgntUser &want)
 {
     for (UsermgntUser &slot : config->user) {
         if (usermgnt_field_is(slot.user_name, want.user_name)) {
-            HTTP_ERROR("user is  already existence \n");
+            HTTP_ERROR("user is  already existence \n");  // contract: exact bytes
             return -1;
         }
         if (slot_is_free(slot)) {
@@ -60,14 +60,14 @@ int add_user(UsermgntConfig *config, const UsermgntUser &want)
 int delete_user(UsermgntConfig *config, const UsermgntUser &want)
 {
     if (strcmp(want.user_name, kDefaultUser) == 0) {
-        HTTP_ERROR("username:admin can't delete \n");
+        HTTP_ERROR("username:admin can't delete \n");  // contract: exact bytes
         return -1;
     }
     for (int i = 0; i < USERMGNT_MAX_USERS; ++i) {
         if (!usermgnt_field_is(config->user[i].user_name, want.user_name))
             continue;
         if (!usermgnt_field_is(config->user[i].password, want.password)) {
-            HTTP_ERROR("user password mistake please check\n");
+            HTTP_ERROR("user password mistake please check\n");  // contract: exact bytes
             return -3;
         }
         // Close the gap so the used slots stay one run from slot 0; the last slot ends free.
@@ -91,16 +91,15 @@ int change_password(UsermgntConfig *config, const UsermgntUser &want)
         memcpy(slot.password, want.password, sizeof slot.password);
         return 0;
     }
-    HTTP_ERROR("user is  not existence \n");
+    HTTP_ERROR("user is  not existence \n");  // contract: exact bytes
     return -2;
 }
 
 } // namespace
 
-bool usermgnt_field_is(const char *field, const char *text)
+bool usermgnt_field_is(const char (&field)[USERMGNT_FIELD_SIZE], const char *text)
 {
-    size_t n = strnlen(field, USERMGNT_FIELD_SIZE);
-    return strncmp(field, text, n) == 0 && text[n] == '\0';
+    return field_text(field) == text;
 }
 
 int HTTP_Get_UsermgntConfig(UsermgntConfig *config)

@@ -48,4 +48,4 @@ int HTTP_Set_UsermgntConfig(int operation, const UsermgntUser *user);
 
 // Whether a stored field holds exactly text. A field without terminator (a damaged file)
 // holds its 64 bytes and is never read past.
-bool usermgnt_field_is(const char *field, const char *text);
+bool usermgnt_field_is(const char (&field)[USERMGNT_FIELD_SIZE], const char *text);

@@ -13,7 +13,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <functional>
 #include <sys/types.h>
 #include <utility>

@@ -2,14 +2,12 @@
 // headers, and room for a newcomer when the server is full. A connection is closed by
 // shutting its socket down; libmicrohttpd then sees the end of it and closes it itself.
 // A connection answered before its body was read lingers after libmicrohttpd closed it.
-#include "common/log.h"
 #include "common/memory.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
 #include <cerrno>
 #include <list>
-#include <memory>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -61,7 +59,7 @@ void linger(int fd)
     Lingering *p = &l;
     l.timer = loop->after(std::chrono::milliseconds(kLingerMs), [p] { stop_lingering(p); });
     l.watch = loop->watch(l.fd.get(), EPOLLIN | EPOLLRDHUP, [p](uint32_t) {
-        char buf[16 * 1024];
+        char buf[kLingerReadBytes];
         ssize_t n;
         while ((n = recv(p->fd.get(), buf, sizeof buf, MSG_DONTWAIT)) > 0)
             p->dropped += static_cast<uint64_t>(n);

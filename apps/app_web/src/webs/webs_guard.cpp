@@ -1,5 +1,7 @@
 #include "webs/webs_guard.h"
 
+#include "webs/webs_limits.h"
+
 #include <arpa/inet.h>
 #include <optional>
 #include <string>
@@ -8,6 +10,7 @@ namespace webs {
 
 namespace {
 
+// The ports a URL without one means (RFC 9110 4.2).
 constexpr int kHttpPort = 80;
 constexpr int kHttpsPort = 443;
 constexpr std::string_view kLocalhost = "localhost";
@@ -44,7 +47,7 @@ std::optional<int> parse_port(std::string_view text, int default_port)
             return std::nullopt;
         port = port * 10 + (c - '0');
     }
-    if (port > 65535)
+    if (port > webs_limits::kMaxTcpPort)
         return std::nullopt;
     return port;
 }

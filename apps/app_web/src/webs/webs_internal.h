@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/event_loop.h"
+#include "common/growing_buffer.h"
 #include "common/owners.h"
 #include "webs/webs.h"
 
@@ -118,9 +119,7 @@ enum class BodyKind { None, Plain, Multipart };
 struct ReplyBuffer {
     int status = 200;
     std::vector<std::pair<std::string, std::string>> headers;
-    HeapText data;
-    size_t length = 0;
-    size_t room = 0;
+    GrowingBuffer body;
     bool overflow = false;  // the procedure wrote more than kMaxReply
 };
 

@@ -67,6 +67,17 @@ constexpr int kListenBacklog = 256;
 constexpr unsigned kLingerMs = 2000;
 // Connections kept so at once; beyond that a refused connection is closed at once.
 constexpr unsigned kMaxLingering = 32;
+// Bytes one read takes of a lingering connection's input: a few packets a call, on the stack.
+constexpr size_t kLingerReadBytes = 16 * 1024;
+// Turns of libmicrohttpd's loop that websClose gives the connections it resumed: one to take
+// a connection back, one to call its handler and queue the reply, one to write it. What is
+// not sent by then goes with the daemon.
+constexpr int kCloseDrainTurns = 3;
+// Longest message of libmicrohttpd's own log that is traced; its messages are one short
+// sentence, a longer one is cut.
+constexpr size_t kMaxEngineMessage = 512;
+// The largest port a TCP address can carry; an endpoint or Host header naming more is wrong.
+constexpr long kMaxTcpPort = 65535;
 // Memory of libmicrohttpd's multipart parser: the part headers of an upload fit in it.
 constexpr size_t kPostProcessorBuffer = 16 * 1024;
 

@@ -1,13 +1,13 @@
 // The layer's log: a destination ("stdout", "stderr" or a file path) and a level, set
 // together as "DEST:LEVEL". A message is written when its level is at or below the log
-// level; error() messages have level 0. Every message is one whole-line write.
+// level; error() messages have level 0. The lines are formatted and written by the server's
+// log (common/log.h), one whole line per message.
 #include "common/log.h"
 #include "common/owners.h"
 #include "webs/webs_internal.h"
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -27,35 +27,8 @@ void write_message(int level, const char *fmt, va_list ap)
 {
     if (level > log_level.load())
         return;
-    char stack[1024];
-    va_list copy;
-    va_copy(copy, ap);
-    int n = vsnprintf(stack, sizeof stack, fmt, copy);
-    va_end(copy);
-    if (n < 0)
-        return;
-    std::string heap;
-    const char *text = stack;
-    size_t len = static_cast<size_t>(n);
-    if (len + 1 >= sizeof stack) {
-        heap.resize(len + 1);
-        vsnprintf(heap.data(), heap.size(), fmt, ap);
-        heap.resize(len);
-        text = heap.c_str();
-    }
-    // Messages are lines: one without its newline gets one.
-    if (len == 0 || text[len - 1] != '\n') {
-        if (text == stack && len + 1 < sizeof stack) {
-            stack[len++] = '\n';
-        } else {
-            heap.assign(text, len);
-            heap += '\n';
-            text = heap.c_str();
-            len = heap.size();
-        }
-    }
     std::lock_guard<std::mutex> lock(log_mutex);
-    log_write_all(log_fd, text, len);
+    log_line_v(log_fd, fmt, ap);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // Replies. A procedure's reply is collected in the request record (status, headers, body)
 // and sent whole with a Content-Length once websDone completes it, so keep-alive works and
 // a procedure never waits for the network.
+#include "common/formatted_text.h"
 #include "common/log.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <strings.h>
 
@@ -42,26 +42,10 @@ bool reply_append(ReplyBuffer &b, const char *text, size_t len)
 {
     if (b.overflow)
         return false;
-    if (b.length + len > webs_limits::kMaxReply) {
+    if (b.body.size() + len > webs_limits::kMaxReply || !b.body.append(text, len)) {
         b.overflow = true;
         return false;
     }
-    if (b.length + len + 1 > b.room) {
-        size_t room = b.room ? b.room : 256;
-        while (room < b.length + len + 1)
-            room *= 2;
-        char *grown = static_cast<char *>(realloc(b.data.get(), room));
-        if (!grown) {
-            b.overflow = true;
-            return false;
-        }
-        (void)b.data.release();
-        b.data.reset(grown);
-        b.room = room;
-    }
-    memcpy(b.data.get() + b.length, text, len);
-    b.length += len;
-    b.data.get()[b.length] = '\0';
     return true;
 }
 
@@ -150,12 +134,10 @@ MHD_Result queue_action_reply(WebsPrivate *r)
         return queue_error_page(r->connection, MHD_HTTP_INTERNAL_SERVER_ERROR, "Reply too large");
     }
     MHD_Response *response = nullptr;
-    if (b.length > 0) {
-        response = MHD_create_response_from_buffer_with_free_callback(b.length, b.data.get(), free);
-        if (response) {
-            (void)b.data.release();
-            b.length = b.room = 0;
-        }
+    if (b.body.size() > 0) {
+        response = MHD_create_response_from_buffer_with_free_callback(b.body.size(), b.body.data(), free);
+        if (response)
+            (void)b.body.release();  // libmicrohttpd frees it
     } else {
         response = MHD_create_response_from_buffer(0, const_cast<char *>(""), MHD_RESPMEM_PERSISTENT);
     }
@@ -223,28 +205,19 @@ ssize_t websWrite(Webs *wp, const char *fmt, ...)
         size_t len = strlen(text);
         return reply_append(wp->priv->reply, text, len) ? static_cast<ssize_t>(len) : -1;
     }
-    char stack[1024];
-    va_list copy;
-    va_copy(copy, ap);
-    int n = vsnprintf(stack, sizeof stack, fmt, copy);
-    va_end(copy);
-    bool ok = n >= 0;
-    if (ok && static_cast<size_t>(n) < sizeof stack) {
-        ok = reply_append(wp->priv->reply, stack, static_cast<size_t>(n));
-    } else if (ok) {
-        std::string big(static_cast<size_t>(n) + 1, '\0');
-        vsnprintf(big.data(), big.size(), fmt, ap);
-        ok = reply_append(wp->priv->reply, big.data(), static_cast<size_t>(n));
-    }
+    FormattedText text;
+    text.appendv(fmt, ap);
     va_end(ap);
-    return ok ? n : -1;
+    if (text.failed() || !reply_append(wp->priv->reply, text.c_str(), text.size()))
+        return -1;
+    return static_cast<ssize_t>(text.size());
 }
 
 ssize_t websFlush(Webs *wp, bool block)
 {
     // Nothing leaves before websDone: the whole reply goes out at once with its length.
     (void)block;
-    return reply_open(wp) ? static_cast<ssize_t>(wp->priv->reply.length) : -1;
+    return reply_open(wp) ? static_cast<ssize_t>(wp->priv->reply.body.size()) : -1;
 }
 
 void websDone(Webs *wp)
@@ -257,22 +230,14 @@ void websError(Webs *wp, int code, const char *fmt, ...)
 {
     if (!reply_open(wp))
         return;
-    std::string message;
+    FormattedText message;
     if (fmt) {
         va_list ap;
         va_start(ap, fmt);
-        va_list copy;
-        va_copy(copy, ap);
-        int n = vsnprintf(nullptr, 0, fmt, copy);
-        va_end(copy);
-        if (n > 0) {
-            message.resize(static_cast<size_t>(n) + 1);
-            vsnprintf(message.data(), message.size(), fmt, ap);
-            message.resize(static_cast<size_t>(n));
-        }
+        message.appendv(fmt, ap);
         va_end(ap);
     }
-    reply_failed(wp->priv, code, message.c_str());
+    reply_failed(wp->priv, code, message.failed() ? "" : message.c_str());
 }
 
 ssize_t bufLen(const WebsBuf *bp)

@@ -33,8 +33,10 @@ using namespace webs_limits;
 
 namespace {
 
+// The open server. websOpen makes a fresh one and websClose drops it whole, so nothing of
+// one open can reach the next. Members go in the reverse of their order here: everything
+// that watches or times on the loop goes before it.
 struct Server {
-    bool open = false;
     bool closing = false;  // websClose runs: requests still waiting are answered 503
     std::string documents;
     DocumentConfig docs;
@@ -54,7 +56,7 @@ struct Server {
     bool took_body = false;
 };
 
-Server srv;
+std::unique_ptr<Server> srv;  // nullptr while no server is open
 
 // The listening socket is looked up by the main thread (socketGetHandle) while the web
 // server thread may be closing it.
@@ -146,7 +148,7 @@ void watch_for_hang_up(WebsPrivate *r)
     const MHD_ConnectionInfo *info = MHD_get_connection_info(r->connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     if (!info)
         return;
-    r->gone_watch = srv.loop->watch(info->connect_fd, EPOLLRDHUP, [r](uint32_t) {
+    r->gone_watch = srv->loop->watch(info->connect_fd, EPOLLRDHUP, [r](uint32_t) {
         r->gone = true;
         trace(kRequestTraceLevel, "http: client of %s went away\n", r->url.c_str());
         resume(r);
@@ -157,7 +159,7 @@ void suspend(WebsPrivate *r)
 {
     MHD_suspend_connection(r->connection);
     r->suspended = true;
-    srv.suspended.insert(r);
+    srv->suspended.insert(r);
     watch_for_hang_up(r);
 }
 
@@ -169,7 +171,7 @@ void resume(WebsPrivate *r)
         return;  // still inside the handler, which looks once it returns
     r->suspended = false;
     r->gone_watch.reset();
-    srv.suspended.erase(r);
+    srv->suspended.erase(r);
     MHD_resume_connection(r->connection);
 }
 
@@ -178,7 +180,7 @@ void answer_abandoned(WebsPrivate *r)
 {
     if (r->done.load(std::memory_order_acquire))
         return;
-    if (srv.closing) {
+    if (srv->closing) {
         reply_failed(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
         return;
     }
@@ -224,7 +226,7 @@ MHD_Result after_action(WebsPrivate *r)
         }
         return MHD_YES;
     }
-    if (!awaited(r) || srv.closing) {
+    if (!awaited(r) || srv->closing) {
         answer_abandoned(r);
         r->state = RequestState::Answered;
         return queue_action_reply(r);
@@ -278,7 +280,7 @@ const char *refused_before_routing(WebsPrivate *r, const char *method, const cha
         return fault;
     }
     const char *host = MHD_lookup_connection_value(r->connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
-    if (!host_allowed(host, srv.device_name)) {
+    if (!host_allowed(host, srv->device_name)) {
         *status = MHD_HTTP_MISDIRECTED_REQUEST;
         return "This device does not answer for that host name";
     }
@@ -308,7 +310,7 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method, co
     std::string path = normal_path(r->url, url);
     if (path.empty())
         return refuse(r, MHD_HTTP_BAD_REQUEST, "Bad request path");
-    const Route *route = match_route(srv.routes, path);
+    const Route *route = match_route(srv->routes, path);
     if (!route)
         return refuse(r, MHD_HTTP_NOT_FOUND, "No route for this path");
     if (route->methods.empty())
@@ -327,10 +329,10 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method, co
     }
 
     std::string_view name = action_name(*route, path);
-    auto it = srv.actions.find(name);
-    if (name.empty() || it == srv.actions.end())
+    auto it = srv->actions.find(name);
+    if (name.empty() || it == srv->actions.end())
         return refuse(r, MHD_HTTP_NOT_FOUND, "No such action");
-    if (srv.closing) {
+    if (srv->closing) {
         mark_body_unread(r);
         refuse(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
         return send_refusal(r);
@@ -345,7 +347,7 @@ MHD_Result finish_body(WebsPrivate *r)
 {
     if (request_finish_body(r) != 0)
         return send_refusal(r);
-    if (srv.closing) {
+    if (srv->closing) {
         // The last turns of the event loop in websClose: the actions' queues are gone.
         refuse(r, MHD_HTTP_SERVICE_UNAVAILABLE, "The server is shutting down");
         return send_refusal(r);
@@ -376,7 +378,7 @@ MHD_Result access_handler(void *, MHD_Connection *connection, const char *url, c
     case RequestState::Receiving:
     case RequestState::Discarding:
         if (*upload_data_size > 0) {
-            srv.took_body = true;
+            srv->took_body = true;
             if (r->state == RequestState::Discarding)
                 return drop_body(r, upload_data_size);  // the rest of a refused body
             bool keep = request_take_body(r, upload_data, *upload_data_size);
@@ -420,7 +422,7 @@ void request_completed(void *, MHD_Connection *, void **req_cls, MHD_RequestTerm
 
 void mhd_logger(void *, const char *fmt, va_list ap)
 {
-    char line[512];
+    char line[kMaxEngineMessage];
     vsnprintf(line, sizeof line, fmt, ap);
     trace(2, "http: %s", line);
 }
@@ -445,7 +447,7 @@ bool parse_endpoint(const char *endpoint, sockaddr_in *addr)
     char *end = nullptr;
     errno = 0;
     long p = port.empty() ? -1 : strtol(port.c_str(), &end, 10);
-    if (errno != 0 || p < 0 || p > 65535 || (end && *end != '\0'))
+    if (errno != 0 || p < 0 || p > kMaxTcpPort || (end && *end != '\0'))
         return false;
     *addr = {};
     addr->sin_family = AF_INET;
@@ -467,7 +469,7 @@ void forget_listener()
 // Checks the header deadlines once a second while the server runs.
 void schedule_sweep()
 {
-    srv.sweep = srv.loop->after(std::chrono::milliseconds(kConnectionSweepMs), [] {
+    srv->sweep = srv->loop->after(std::chrono::milliseconds(kConnectionSweepMs), [] {
         connections_sweep();
         schedule_sweep();
     });
@@ -477,12 +479,12 @@ void schedule_sweep()
 // closed, when no connection is left to touch), else at the loop's next turn.
 void on_loop(WebsPrivate *r, void (*fn)(WebsPrivate *))
 {
-    if (!srv.loop || srv.loop->on_loop_thread()) {
+    if (!srv || srv->loop->on_loop_thread()) {
         fn(r);
         return;
     }
     r->refs.fetch_add(1, std::memory_order_relaxed);
-    srv.loop->post([r, fn] {
+    srv->loop->post([r, fn] {
         fn(r);
         request_release(r);
     });
@@ -490,7 +492,7 @@ void on_loop(WebsPrivate *r, void (*fn)(WebsPrivate *))
 
 }  // namespace
 
-const DocumentConfig &document_config() { return srv.docs; }
+const DocumentConfig &document_config() { return srv->docs; }
 
 void reply_completed(WebsPrivate *r)
 {
@@ -517,85 +519,95 @@ using namespace webs;
 
 int websOpen(const char *documents, const char *routeFile)
 {
-    if (srv.open)
+    if (srv)
         websClose();
     char real[PATH_MAX];
     if (!documents || !realpath(documents, real)) {
         HTTP_ERROR("cannot use document root %s: %s\n", documents ? documents : "(null)", strerror(errno));
         return -1;
     }
-    std::vector<Route> routes;
-    if (load_routes(routeFile, &routes) < 0)
+    auto fresh = std::make_unique<Server>();
+    if (load_routes(routeFile, &fresh->routes) < 0)
         return -1;
-    auto loop = std::make_unique<EventLoop>();
-    if (!loop->ok()) {
+    fresh->loop = std::make_unique<EventLoop>();
+    if (!fresh->loop->ok()) {
         HTTP_ERROR("cannot make the event loop: %s\n", strerror(errno));
         return -1;
     }
-    srv.loop = std::move(loop);
-    srv.documents = documents;
-    srv.routes = std::move(routes);
-    srv.docs.root = real;
-    if (srv.docs.root == "/")
-        srv.docs.root.clear();  // paths are appended with their leading '/'
-    srv.root_fd.reset(open(real, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    srv.docs.root_fd = srv.root_fd.get();
-    srv.docs.index = kDefaultIndex;
-    srv.docs.routes = &srv.routes;
-    char name[256] = "";
+    fresh->documents = documents;
+    fresh->docs.root = real;
+    if (fresh->docs.root == "/")
+        fresh->docs.root.clear();  // paths are appended with their leading '/'
+    fresh->root_fd.reset(open(real, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    fresh->docs.root_fd = fresh->root_fd.get();
+    fresh->docs.index = kDefaultIndex;
+    fresh->docs.routes = &fresh->routes;
+    char name[HOST_NAME_MAX + 1] = "";
     if (gethostname(name, sizeof name - 1) == 0)
-        srv.device_name = name;
-    srv.open = true;
+        fresh->device_name = name;
+    srv = std::move(fresh);
     return 0;
 }
 
 void websClose()
 {
-    if (!srv.open)
+    if (!srv)
         return;
-    srv.closing = true;
+    srv->closing = true;
     // The actions' parts go first (queues, the worker thread after its running piece, the
     // device exchanges): the requests they held are answered 503 as their holds go.
-    srv.loop->close_parts();
-    if (srv.daemon) {
+    srv->loop->close_parts();
+    if (srv->daemon) {
         // A suspended connection must not stay suspended when the daemon stops: each is
         // resumed and sends what it has (its 503) or is closed.
-        while (!srv.suspended.empty())
-            resume(*srv.suspended.begin());
-        for (int i = 0; i < 3; ++i)
-            MHD_run_wait(srv.daemon, 0);
+        while (!srv->suspended.empty())
+            resume(*srv->suspended.begin());
+        for (int i = 0; i < kCloseDrainTurns; ++i)
+            MHD_run_wait(srv->daemon, 0);
         forget_listener();
-        srv.daemon_watch.reset();
-        MHD_stop_daemon(srv.daemon);  // closes the listening socket and every connection
+        srv->daemon_watch.reset();
+        MHD_stop_daemon(srv->daemon);  // closes the listening socket and every connection
     }
     connections_close();
-    srv.sweep.reset();
-    srv = Server{};
+    srv.reset();
 }
 
-void websSetIpAddr(const char *ipaddr) { srv.ipaddr = ipaddr ? ipaddr : ""; }
+void websSetIpAddr(const char *ipaddr)
+{
+    if (srv)
+        srv->ipaddr = ipaddr ? ipaddr : "";
+}
 
-void websSetHost(const char *host) { srv.host = host ? host : ""; }
+void websSetHost(const char *host)
+{
+    if (srv)
+        srv->host = host ? host : "";
+}
 
 void websSetIndex(const char *filename)
 {
-    if (filename && *filename && !strchr(filename, '/'))
-        srv.docs.index = filename;
+    if (srv && filename && *filename && !strchr(filename, '/'))
+        srv->docs.index = filename;
 }
 
-const char *websGetServer() { return srv.host.empty() ? srv.ipaddr.c_str() : srv.host.c_str(); }
+const char *websGetServer()
+{
+    if (!srv)
+        return "";
+    return srv->host.empty() ? srv->ipaddr.c_str() : srv->host.c_str();
+}
 
-const char *websGetDocuments() { return srv.documents.c_str(); }
+const char *websGetDocuments() { return srv ? srv->documents.c_str() : ""; }
 
 int websLoad(const char *authFile) { return check_auth(authFile); }
 
 int websListen(const char *endpoint)
 {
-    if (!srv.open) {
+    if (!srv) {
         error("websListen before websOpen");
         return -1;
     }
-    if (srv.daemon) {
+    if (srv->daemon) {
         error("already listening");
         return -1;
     }
@@ -614,7 +626,7 @@ int websListen(const char *endpoint)
     }
     // With SIGPIPE ignored by the process, libmicrohttpd may use sendfile.
     int sigpipe_handled = sigpipe_ignored() ? 1 : 0;
-    srv.daemon = MHD_start_daemon(
+    srv->daemon = MHD_start_daemon(
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, access_handler, nullptr,
         MHD_OPTION_EXTERNAL_LOGGER, mhd_logger, nullptr,
         MHD_OPTION_LISTEN_SOCKET, fd.get(),
@@ -627,12 +639,12 @@ int websListen(const char *endpoint)
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
         MHD_OPTION_SIGPIPE_HANDLED_BY_APP, sigpipe_handled,
         MHD_OPTION_END);
-    if (!srv.daemon) {
+    if (!srv->daemon) {
         error("cannot start the HTTP engine on %s", endpoint);
         return -1;
     }
-    int daemon_fd = MHD_get_daemon_info(srv.daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
-    srv.daemon_watch = srv.loop->watch(daemon_fd, EPOLLIN, [](uint32_t) {});
+    int daemon_fd = MHD_get_daemon_info(srv->daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+    srv->daemon_watch = srv->loop->watch(daemon_fd, EPOLLIN, [](uint32_t) {});
     schedule_sweep();
     std::lock_guard<std::mutex> lock(listen_mutex);
     listen_fd = fd.release();  // libmicrohttpd closes it when the daemon stops
@@ -648,30 +660,30 @@ int socketGetHandle(int sid)
 
 int websDefineAction(const char *name, WebsAction proc)
 {
-    if (!name || !*name || !proc)
+    if (!srv || !name || !*name || !proc)
         return -1;
-    srv.actions[name] = proc;
+    srv->actions[name] = proc;
     return 0;
 }
 
 void websServiceEvents(std::atomic<int> *finished)
 {
-    if (!srv.open)
+    if (!srv)
         return;
-    EventLoop::Scope scope(*srv.loop);
+    EventLoop::Scope scope(*srv->loop);
     while (!finished || !finished->load()) {
         // The lines of a turn are written together at its end, before the next wait.
         LogBatch batch;
         int wait_ms = kMaxLoopWaitMs;
         MHD_UNSIGNED_LONG_LONG due = 0;
-        if (srv.took_body)
+        if (srv->took_body)
             wait_ms = 0;
-        else if (srv.daemon && MHD_get_timeout(srv.daemon, &due) == MHD_YES && due < static_cast<unsigned>(wait_ms))
+        else if (srv->daemon && MHD_get_timeout(srv->daemon, &due) == MHD_YES && due < static_cast<unsigned>(wait_ms))
             wait_ms = static_cast<int>(due);
-        srv.took_body = false;
-        srv.loop->run_once(wait_ms);
-        if (srv.daemon)
-            MHD_run(srv.daemon);
+        srv->took_body = false;
+        srv->loop->run_once(wait_ms);
+        if (srv->daemon)
+            MHD_run(srv->daemon);
     }
 }
 

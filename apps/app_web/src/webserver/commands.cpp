@@ -1,6 +1,5 @@
 #include "webserver/commands.h"
 
-#include "actions/capability_actions.h"
 #include "actions/clock_actions.h"
 #include "actions/language_actions.h"
 #include "actions/login_actions.h"
@@ -26,11 +25,7 @@ int plain(ActionCall &c)
     return handler(c.body, c.out);
 }
 
-int get_port(ActionCall &c)
-{
-    int port = 80;
-    return actionGetPortParam(c.body, c.out, &port);
-}
+int get_port(ActionCall &c) { return actionGetPortParam(c.body, c.out, nullptr); }
 
 int set_port(ActionCall &c)
 {

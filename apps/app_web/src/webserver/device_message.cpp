@@ -1,6 +1,6 @@
 #include "webserver/device_message.h"
 
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cstring>
 #include <ctime>

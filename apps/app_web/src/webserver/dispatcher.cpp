@@ -8,7 +8,7 @@
 #include "actions/capability_actions.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "session/session.h"
 #include "webs/webs.h"
 #include "webserver/commands.h"
@@ -26,7 +26,7 @@
 #include <cstring>
 #include <memory>
 
-std::mutex mutex;
+std::mutex mutex;  // kept for the contract; never contended (see dispatcher.h)
 
 namespace {
 
@@ -107,6 +107,7 @@ void relay(const RequestPtr &req)
         if (!route) {
             char reason[HTTP_REASON_SIZE];
             snprintf(reason, sizeof reason, "%s :%s", kNoProtocol, req->action);
+            // contract: exact bytes
             HTTP_ERROR_AS("actionGetMethodUrl", "web server not support this protocol! :%s\n", kNoProtocol);
             Outcome o = Outcome::of(501, nullptr, reason);
             reply_with(*req, o);

@@ -1,6 +1,7 @@
 #include "webserver/http_reply.h"
 
-#include "actions/reply_text.h"
+#include "c2json/json_layout.h"
+#include "c2json/reply_text.h"
 #include "common/owners.h"
 #include "webs/webs.h"
 
@@ -9,11 +10,8 @@
 
 namespace {
 
-// What a failure reply is when the heap cannot hold the object or its text: the same form,
-// without the reason text (which would need escaping and room).
-constexpr char kFixedFailure[] = "{\n\t\"Result\":\t\"Fail\",\n\t\"ErrorNo\":\t%d,\n\t\"Reason\":\t\"\"\n}";
-// The formatted print of {"Result": "OK"}: it never varies, so it is never built.
-constexpr char kOK[] = "{\n\t\"Result\":\t\"OK\"\n}";
+// Room for the code that replaces "%d": an int has at most 10 digits and a sign.
+constexpr size_t kMaxCodeDigits = 11;
 
 char *print_coded_failure(int code, const char *reason)
 {
@@ -43,9 +41,10 @@ void json_perror(Webs *wp, int code, const char *reason)
         http_response(wp, text.get());
         return;
     }
-    char fixed[sizeof kFixedFailure + 16];
-    snprintf(fixed, sizeof fixed, kFixedFailure, code);
+    // The heap cannot hold the object or its text: the same form without the reason.
+    char fixed[sizeof JSON_LAYOUT_CODED_FAILURE + kMaxCodeDigits];
+    snprintf(fixed, sizeof fixed, JSON_LAYOUT_CODED_FAILURE, code);
     http_response(wp, fixed);
 }
 
-void json_OK(Webs *wp) { http_response(wp, kOK); }
+void json_OK(Webs *wp) { http_response(wp, JSON_LAYOUT_OK); }

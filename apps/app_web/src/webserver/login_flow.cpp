@@ -1,11 +1,11 @@
 #include "webserver/login_flow.h"
 
 #include "actions/login_actions.h"
-#include "actions/reply_text.h"
 #include "c2json/login_json.h"
+#include "c2json/reply_text.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "json2c/login_json.h"
 #include "session/login_throttle.h"
 #include "session/session.h"
@@ -16,7 +16,6 @@
 #include "webserver/routing_table.h"
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 namespace {
@@ -45,7 +44,7 @@ void ask_device(const LoginParam &login, const char *body, WebsHold hold, Verifi
         int rc = formatLoginMsgParamJSON(&payload_raw, &login);
         HeapText payload(payload_raw);
         if (rc != 0 || !payload) {
-            HTTP_ERROR_AS("ask_device", "Format Language fail  return : %d\n", rc);
+            HTTP_ERROR_AS("ask_device", "Format Language fail  return : %d\n", rc);  // contract: exact bytes
             route.reset();
             v.verdict = Verdict::PayloadFailed;
             v.result = rc != 0 ? rc : -15;

@@ -1,9 +1,9 @@
 // Process entry: prepares the process, reads the command line, starts the web server thread
 // and then supervises its port for the rest of the process's life.
 #include "actions/port_actions.h"
+#include "c2json/port_json.h"
 #include "common/log.h"
-#include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
 #include "webserver/service.h"
@@ -17,6 +17,7 @@
 
 void show_help()
 {
+    // contract: exact bytes (the whole help text)
     HTTP_PRINT("---------------------------------------------\n");
     HTTP_PRINT("./webserver \t\t\t:  using function  ==> eth0   80 \n");
     HTTP_PRINT("./webserver 88\t\t\t:  using function  ==> eth0   88 (Custom port) \n");
@@ -38,7 +39,7 @@ int main(int argc, char **argv)
     mallopt(M_MMAP_THRESHOLD, static_cast<int>(webs_limits::kConnectionMemory));
 #endif
 
-    WebParams web_params = {80, 443, "*", "eth0"};
+    WebParams web_params = {WEB_PORT_DEFAULT, WEB_HTTPS_PORT_DEFAULT, "*", "eth0"};
     int args = argc - 1;
     if (args == 1 && argv[1][0] == 'h') {
         show_help();
@@ -58,21 +59,18 @@ int main(int argc, char **argv)
     }
 
     if (http_read_config_command() != 0) {
-        HTTP_ERROR("http read comfig fail\n");
+        HTTP_ERROR("http read comfig fail\n");  // contract: exact bytes
         return 0;
     }
     // nanomsg starts its worker thread with the first open socket and joins it when the last
     // one closes. Each relay opens and closes its own socket, so an idle socket held for the
     // process's life spares every relay a thread start and join.
     NnSocket messaging_kept_up(nn_socket(AF_SP, NN_PAIR));
-    // The stored port wins over the command line.
-    int stored_port = -1;
-    char *reply = nullptr;
-    actionGetPortParam(nullptr, &reply, &stored_port);
-    HeapText unread(reply);
-    if (stored_port != -1) {
+    // The stored port wins over the command line; a stored "no port" leaves it.
+    int stored_port = WEB_PORT_NONE;
+    if (web_stored_port(&stored_port) == 0 && stored_port != WEB_PORT_NONE) {
         web_params.http_port = stored_port;
-        HTTP_PRINT("web init port %d \n", stored_port);
+        HTTP_PRINT("web init port %d \n", stored_port);  // contract: exact bytes
     }
 
     HTTP_WEB_PORT = web_params.http_port;

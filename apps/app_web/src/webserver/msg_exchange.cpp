@@ -3,7 +3,7 @@
 #include "common/event_loop.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "webserver/commands.h"
 #include "webserver/device_message.h"
 #include "webserver/nn_owners.h"
@@ -49,7 +49,7 @@ int http_msg_socket_init(http_protocol_receiver &entry)
     bool upgrade = strcmp(entry.receiver_name, HTTP_RECEIVER_APP_UPDATE) == 0;
     NnSocket sock(nn_socket(AF_SP, upgrade ? NN_PAIR : NN_REQ));
     if (!sock) {
-        HTTP_ERROR("nn_socket(AF_SP, NN_REP) fail: %s\n", nn_strerror(nn_errno()));
+        HTTP_ERROR("nn_socket(AF_SP, NN_REP) fail: %s\n", nn_strerror(nn_errno()));  // contract: exact bytes
         return -1;
     }
     if (nn_connect(sock.get(), entry.ipc_url) < 0) {
@@ -205,7 +205,7 @@ private:
                 finish(HTTP_MSG_FAILED);
                 return true;
             }
-            HTTP_DEBUG("http recv format sucess %s\n", result_.reply.get());
+            HTTP_DEBUG("http recv format sucess %s\n", result_.reply.get());  // contract: exact bytes
             finish(0);
             return true;
         }
@@ -355,7 +355,7 @@ int http_capability_protocol_matching(const char *command, char *cap_path)
         for (int k = 0; k < HTTP_PROTOCOL_CMD_MAX; ++k) {
             if (lists_command(entry, k, command)) {
                 copy_field(cap_path, HTTP_CAP_PATH_SIZE, entry.cap_path[k]);
-                HTTP_ERROR("!!!!!! %s \n", cap_path);
+                HTTP_ERROR("!!!!!! %s \n", cap_path);  // contract: exact bytes
                 return 1;
             }
         }
@@ -387,6 +387,7 @@ struct Delivery : std::enable_shared_from_this<Delivery> {
     void on_turn(Route route)
     {
         if (!route) {
+            // contract: exact bytes
             HTTP_ERROR_AS("http_protocol_matching", "http_msg_socket_init name：%s\n", command.c_str());
             ready(Route());
             return;
@@ -403,6 +404,7 @@ struct Delivery : std::enable_shared_from_this<Delivery> {
                                      [self, keep](ExchangeResult &r) {
                                          std::string receiver = keep->receiver_name();
                                          keep->reset();
+                                         // contract: exact bytes
                                          HTTP_ERROR_AS("http_protocol_matching",
                                                        "msg sand：name=%s receiver_name=%s des=%s\n",
                                                        self->command.c_str(), receiver.c_str(), r.reason);
@@ -435,7 +437,7 @@ void http_protocol_matching(const char *command, const char *payload, WebsHold h
                 HTTP_ERROR("%s: receiver %s has no ipc address \n", command, entry.receiver_name);
         }
     }
-    HTTP_ERROR("http_protocol_matching  sum=%d\n", static_cast<int>(d->receivers.size()) - 1);
+    HTTP_ERROR("http_protocol_matching  sum=%d\n", static_cast<int>(d->receivers.size()) - 1);  // contract: exact bytes
     if (d->receivers.empty()) {
         ready(Route());
         return;

@@ -6,8 +6,9 @@
 //
 // Exchanges with one application (one IPC address) happen one at a time, in arrival order:
 // its socket serves one request at a time. Exchanges with different applications never wait
-// for each other. Everything here runs on the event loop's thread, which also owns the
-// routing table's msg_fd fields.
+// for each other. Everything here runs on the thread that drives the event loop, the web
+// server thread (never on the worker): it alone opens and closes the sockets, writes the
+// routing table's msg_fd fields and http_msg_upgrade_fd, and keeps the upgrade status.
 //
 // Calling order for one relayed command: http_capability_protocol_matching; when it answers
 // 0, http_protocol_matching, whose ready callback gets the route on the last receiver's
@@ -21,7 +22,6 @@
 
 #include <cstddef>
 #include <functional>
-#include <string>
 
 // Socket of the latest connection to the upgrade application, else -1.
 extern int http_msg_upgrade_fd;

@@ -2,7 +2,7 @@
 
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 
 #include <cstdio>
 #include <cstring>
@@ -84,7 +84,7 @@ int read_routing_lines(FILE *file, const char *path)
         }
         if (len < kShortestLine || line[0] == '#')
             continue;
-        ROUTING_ERROR("###start  %s \n", line);
+        ROUTING_ERROR("###start  %s \n", line);  // contract: exact bytes
 
         char empty[3] = "";
         char *words[3];

@@ -1,6 +1,9 @@
 // The command routing table: which device application receives which command, at which
-// IPC address, and which capability file answers which command. Read once at start from
-// the routing file, before the web server thread runs; afterwards used by that thread only.
+// IPC address, and which capability file answers which command. The main thread fills it
+// once, from the routing file, before it starts the first web server thread; from then on
+// only the event loop of the running web server thread uses it (it reads the entries and
+// writes the msg_fd fields). A server moved to another port hands the table to its next
+// thread only after the previous one has been joined, so two threads never use it at once.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // Start, stop and supervision of the web server thread.
 #include "webserver/service.h"
 
+#include "c2json/port_json.h"
 #include "common/log.h"
 #include "webs/webs.h"
 
@@ -10,7 +11,7 @@
 #include <unistd.h>
 
 std::atomic<int> finished{1};
-std::atomic<int> HTTP_WEB_PORT{80};
+std::atomic<int> HTTP_WEB_PORT{WEB_PORT_DEFAULT};
 std::atomic<int> listen_http_sid_ipv4{-1};
 std::atomic<int> listen_https_sid_ipv4{-1};
 pthread_t pid;

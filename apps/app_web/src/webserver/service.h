@@ -5,6 +5,10 @@
 #include <atomic>
 #include <pthread.h>
 
+// The https port of the start-up parameters: range-checked with the http port, never
+// listened on (the server speaks plain HTTP).
+constexpr int WEB_HTTPS_PORT_DEFAULT = 443;
+
 // The start-up parameter record; lives in main for the whole process.
 struct WebParams {
     int http_port;

@@ -1,6 +1,6 @@
 #include "webserver/upgrade.h"
 
-#include "actions/reply_text.h"
+#include "c2json/reply_text.h"
 #include "c2json/upgrade_json.h"
 #include "common/log.h"
 #include "common/owners.h"
@@ -8,13 +8,10 @@
 #include "webserver/http_reply.h"
 #include "webserver/msg_exchange.h"
 
-#include <cerrno>
 #include <cjson/cJSON.h>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -35,7 +32,7 @@ bool write_temp_image(const Webs *wp, char *temp_path)
     size_t len = static_cast<size_t>(bufLen(&wp->input));
     ssize_t n = len ? write(fd.get(), wp->input.servp, len) : 0;
     if (n < 0 || static_cast<size_t>(n) != len) {
-        HTTP_ERROR("upgrade wirte fail \n");
+        HTTP_ERROR("upgrade wirte fail \n");  // contract: exact bytes
         unlink(temp_path);
         return false;
     }
@@ -87,7 +84,7 @@ void http_upgrade_relay(WebsHold hold, Route route, std::function<void(Outcome)>
     HeapText payload(http_upgrade_save_file(wp));
     if (!payload) {
         HTTP_ERROR("upgrade wirte fail \n");
-        json_perror(wp, 550, "upgrade wirte fail");
+        json_perror(wp, 550, "upgrade wirte fail");  // contract: exact bytes
         route.reset();
         done(Outcome::written());
         return;
@@ -109,6 +106,6 @@ int actionGetUpgradeProgress(const char * /*in_json*/, char **out_json)
         formatFailCallJSON(out_json, "Failed to get params");
         return rc;
     }
-    formatParamsJSON(out_json, "Successfully to get params", params);
+    formatParamsJSON(out_json, REPLY_REASON_GOT, params);
     return 0;
 }

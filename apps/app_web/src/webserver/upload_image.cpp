@@ -3,7 +3,7 @@
 #include "actions/password_check.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "md5/md5.h"
 #include "session/login_throttle.h"
 #include "session/session.h"
@@ -199,6 +199,7 @@ bool dimensions_allowed(Webs *wp, const WebsUpload *file, int *width, int *heigh
         int rc = GetPNGWidthHeight(file->filename, width, height);
         if (rc != 0) {
             HTTP_ERROR("get picture width and height fail path:%s! \n", file->filename);
+            // contract: exact bytes
             json_perror(wp, -1, rc == -2 ? "Upload file failed! png format error!\n" : "Upload png file failed");
             return false;
         }
@@ -211,8 +212,10 @@ bool dimensions_allowed(Webs *wp, const WebsUpload *file, int *width, int *heigh
         return true;  // JPEG pictures are not measured
     }
     if (*width < 1 || *width > kMaxWidth || *height < 1 || *height > kMaxHeight) {
+        // contract: exact bytes
         HTTP_ERROR("upload PIC picture file max[1920,1080]  current[%d,%d]\n", *width, *height);
         char reason[kReasonSize];
+        // contract: exact bytes
         snprintf(reason, sizeof reason, "Upload file failed! MAX picture[1920x1080],Current picture[%dx%d] \n", *width,
                  *height);
         json_perror(wp, -1, reason);
@@ -242,7 +245,7 @@ bool caller_allowed(Webs *wp, const RequestQuery &q)
     if (strlen(q.password) == kDigestTextLength) {
         copy_field(digest_text, sizeof digest_text, q.password);
     } else {
-        unsigned char digest[16];
+        unsigned char digest[MD5_DIGEST_SIZE];
         MD5Buffer(q.password, static_cast<unsigned>(strlen(q.password)), digest);
         md5_sig_to_string(digest, digest_text, sizeof digest_text);
     }
@@ -355,7 +358,7 @@ void http_upload_image(Webs *wp, const RequestQuery &query)
     case 0:
         break;
     case -1:
-        json_perror(wp, -1, "upload file name max length!  max length 256 byte");
+        json_perror(wp, -1, "upload file name max length!  max length 256 byte");  // contract: exact bytes
         return;
     default:
         json_perror(wp, -1, "Invalid upload file name");
@@ -370,7 +373,7 @@ void http_upload_image(Webs *wp, const RequestQuery &query)
     }
     if (file->size < kMinImageSize || file->size > kMaxImageSize) {
         HTTP_DEBUG("Uploading files too large : %ld\n", static_cast<long>(file->size));
-        json_perror(wp, -1, "Upload files up to size  MAX:1M  MIN:1K");
+        json_perror(wp, -1, "Upload files up to size  MAX:1M  MIN:1K");  // contract: exact bytes
         return;
     }
     // The name decides the type the picture is served with, so it must fit the content type

@@ -1,10 +1,10 @@
 // The web server thread: configures the web layer, opens the listening endpoint, binds the
 // "device" action to the dispatcher and serves until the supervisor sets finished.
-#include "actions/language_format.h"
+#include "common/language_format.h"
 #include "common/cfgfile.h"
 #include "common/log.h"
 #include "common/owners.h"
-#include "json2c/json_fields.h"
+#include "common/text_field.h"
 #include "webs/webs.h"
 #include "webs/webs_version.h"
 #include "webserver/dispatcher.h"
@@ -80,7 +80,7 @@ void load_language_record()
     memset(&record, 0, sizeof record);
     int tries = 0;
     while (http_get_cfgfile(WEB_LANGUAGE_FILE, &record, sizeof record) != 0) {
-        HTTP_PRINT("ERROR :GET WEB_LANGUAGE_FILE failed!\n");
+        HTTP_PRINT("ERROR :GET WEB_LANGUAGE_FILE failed!\n");  // contract: exact bytes
         set_text(record.index_page, kIndexPage);
         set_text(record.language, kDefaultLanguage);
         if (http_set_cfgfile(WEB_LANGUAGE_FILE, &record, sizeof record) == 0)
@@ -132,10 +132,11 @@ void *webservice_routine(void *arg)
     logSetPath(kLogPath);
     websSetDebug(1);
     if (!params) {
-        error("invalid web_params  web_params=null. Exiting.");
+        error("invalid web_params  web_params=null. Exiting.");  // contract: exact bytes
         return nullptr;
     }
     if (!is_known_interface(params->interfaces_name)) {
+        // contract: exact bytes
         HTTP_PRINT("invalid interface name:%s   edit default eth0 \n", params->interfaces_name);
         copy_field(params->interfaces_name, sizeof params->interfaces_name, "eth0");
     }

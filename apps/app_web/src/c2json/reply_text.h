@@ -3,6 +3,10 @@
 // or nullptr when the text could not be built.
 #pragma once
 
+// The reasons of the plain successes, as the pages and the device's tools know them.
+constexpr char REPLY_REASON_GOT[] = "Successfully to get params";  // contract: exact bytes
+constexpr char REPLY_REASON_SET[] = "Successfully to set params";  // contract: exact bytes
+
 // {"Result": "Fail", "Reason": reason}
 void formatFailCallJSON(char **out, const char *reason);
 // {"Result": "OK", "Reason": reason}

@@ -39,10 +39,8 @@ set -eu
 root=$1 run=$2 sim=$3
 fail() { echo "demo: $*" >&2; exit 1; }
 
-for d in /bin /sbin /usr/bin /usr/sbin; do
-    [ -d "$d" ] && [ ! -L "$d" ] || continue
-    mount -t overlay overlay -o "lowerdir=$root/demo/standins:$d" "$d" || fail "cannot put stand-ins over $d"
-done
+. "$root/tests/cover_programs.sh"
+cover_programs "$root/demo/standins"
 
 # The repository stays reachable through fd 8 even if it lives under /mnt or /tmp.
 exec 8<"$root"

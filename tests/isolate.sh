@@ -38,11 +38,8 @@ root=$1 standins=$2 keep_build=$3
 shift 3
 fail() { echo "isolate.sh: $*" >&2; exit 1; }
 
-# Stand-ins go on top of every real program directory (merged-/usr links are skipped).
-for d in /bin /sbin /usr/bin /usr/sbin; do
-    [ -d "$d" ] && [ ! -L "$d" ] || continue
-    mount -t overlay overlay -o "lowerdir=$standins:$d" "$d" || fail "cannot put stand-ins over $d"
-done
+. "$root/tests/cover_programs.sh"
+cover_programs "$standins"
 
 # Keep the repository and the build tree reachable before /tmp and /mnt are covered.
 exec 7<"$root"

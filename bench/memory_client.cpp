@@ -144,8 +144,8 @@ int mixed(int port, long requests, int connections, const std::string &session)
     // One round of the mix: mostly documents, as a page load is, and the pages' requests.
     const std::vector<Step> round = {
         {get("GET", "/login.html"), 200, false},
-        {get("GET", "/js/md5.js"), 200, false},
-        {get("GET", "/device.html"), 200, false},
+        {get("GET", "/js/api.js"), 200, false},
+        {get("GET", "/console.html"), 200, false},
         {get("GET", "/missing.html"), 404, false},
         {get("GET", "/sd/20240501/080000.mp4", "Range: bytes=100-1123\r\n"), 206, false},
         {get("HEAD", "/sd/20240502/120000.mp4"), 200, true},

@@ -1,5 +1,7 @@
 #include "webs/webs_framing.h"
 
+#include "webs/webs_guard.h"
+
 #include <strings.h>
 
 namespace webs {
@@ -35,15 +37,6 @@ bool named(const HeaderField &f, std::string_view name)
     return f.name.size() == name.size() && strncasecmp(f.name.data(), name.data(), name.size()) == 0;
 }
 
-std::string_view trimmed(std::string_view v)
-{
-    while (!v.empty() && (v.front() == ' ' || v.front() == '\t'))
-        v.remove_prefix(1);
-    while (!v.empty() && (v.back() == ' ' || v.back() == '\t'))
-        v.remove_suffix(1);
-    return v;
-}
-
 MHD_Result collect(void *cls, MHD_ValueKind, const char *key, size_t key_size, const char *value,
                    size_t value_size)
 {
@@ -63,7 +56,7 @@ const char *framing_fault(std::span<const HeaderField> fields, bool http11)
         if (has_control(f.value))
             return "control character in a header field";
         if (named(f, "Content-Length")) {
-            if (length && trimmed(length->value) != trimmed(f.value))
+            if (length && trim_ows(length->value) != trim_ows(f.value))
                 return "differing Content-Length fields";
             length = &f;
         } else if (named(f, "Transfer-Encoding")) {
@@ -80,7 +73,7 @@ const char *framing_fault(std::span<const HeaderField> fields, bool http11)
         return "HTTP/1.1 request without Host";
     if (coding && length)
         return "Content-Length together with Transfer-Encoding";
-    std::string_view c = coding ? trimmed(coding->value) : "chunked";
+    std::string_view c = coding ? trim_ows(coding->value) : "chunked";
     if (c.size() != 7 || strncasecmp(c.data(), "chunked", 7) != 0)
         return "Transfer-Encoding other than chunked";
     return nullptr;

@@ -8,6 +8,15 @@
 
 namespace webs {
 
+std::string_view trim_ows(std::string_view text)
+{
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
+        text.remove_suffix(1);
+    return text;
+}
+
 namespace {
 
 // The ports a URL without one means (RFC 9110 4.2).
@@ -67,16 +76,6 @@ std::optional<std::string> normal_name(std::string_view text)
         name += lower(c);
     }
     return name;
-}
-
-// Spaces and tabs around a header value are not part of it.
-std::string_view trim_ows(std::string_view text)
-{
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
 }
 
 std::optional<Authority> parse_authority(std::string_view text, int default_port)

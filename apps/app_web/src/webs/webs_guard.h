@@ -18,4 +18,7 @@ bool host_allowed(const char *host, std::string_view device_name);
 // "null" (sandboxed frames, some redirects) and anything unreadable are refused.
 bool origin_allowed(const char *origin, const char *host);
 
+// A header value without the spaces and tabs around it.
+std::string_view trim_ows(std::string_view text);
+
 } // namespace webs

@@ -13,6 +13,7 @@
 // Either way the real path must be one that the route file lets be fetched.
 #include "common/log.h"
 #include "common/owners.h"
+#include "webs/webs_guard.h"
 #include "webs/webs_internal.h"
 #include "webs/webs_limits.h"
 
@@ -245,23 +246,14 @@ bool fetchable(const DocumentConfig &cfg, const Document &doc, const char *metho
     return route && route->handler == Handler::File && route_allows(*route, method);
 }
 
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
-        s.remove_suffix(1);
-    return s;
-}
-
 // The weight of an Accept-Encoding item's parameters (";q=0.5"): 0 for a zero weight, else 1.
 int weight_of(std::string_view params)
 {
     for (size_t at = 0; at < params.size();) {
         size_t end = std::min(params.find(';', at), params.size());
-        std::string_view p = trim(params.substr(at, end - at));
+        std::string_view p = trim_ows(params.substr(at, end - at));
         if (p.size() >= 2 && (p[0] == 'q' || p[0] == 'Q') && p[1] == '=') {
-            std::string_view v = trim(p.substr(2));
+            std::string_view v = trim_ows(p.substr(2));
             return !v.empty() && v[0] == '0' && v.find_first_not_of(".0", 1) == std::string_view::npos ? 0 : 1;
         }
         at = end + 1;
@@ -281,7 +273,7 @@ bool accepts_gzip(const char *header)
         size_t end = std::min(list.find(',', at), list.size());
         std::string_view item = list.substr(at, end - at);
         size_t semi = std::min(item.find(';'), item.size());
-        std::string_view coding = trim(item.substr(0, semi));
+        std::string_view coding = trim_ows(item.substr(0, semi));
         int weight = weight_of(item.substr(semi));
         auto is = [coding](std::string_view name) {
             return coding.size() == name.size() && strncasecmp(coding.data(), name.data(), name.size()) == 0;

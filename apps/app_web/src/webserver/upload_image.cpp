@@ -158,8 +158,10 @@ int store_image(const char *from, const char *name)
         return -1;
     }
     fd.reset();
-    if (copyFile(from, temp) != 0)
+    if (copyFile(from, temp) != 0) {
+        unlink(temp);  // also when the picture itself could not be opened
         return -1;
+    }
     if (rename(temp, dest) != 0) {
         HTTP_ERROR("Write to file '%s' failed!\n", dest);
         unlink(temp);

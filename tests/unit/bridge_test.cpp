@@ -5,6 +5,7 @@
 #include "testsupport.h"
 #include "webserver/device_message.h"
 #include "webserver/msg_exchange.h"
+#include "webserver/nn_owners.h"
 #include "webserver/routing_table.h"
 
 #include <atomic>
@@ -425,6 +426,33 @@ TEST(MsgExchange, UpgradeProgressIsFollowedOnlyOnTheUpgradeApplicationsSocket)
     EXPECT_EQ(100, status.value);
     EXPECT_EQ(0, relay("StartUpgrade2", "{}", &reply));
     EXPECT_TRUE(has(reply, "\"UpgradeProgressValue\":\t40")) << "another application ends at once";
+}
+
+// A bound pair socket refuses a second connection and drops what was written into it; the
+// request goes out again on the connection made once the one holding the application left.
+TEST(MsgExchange, AnUpgradeRequestRefusedWhileThePairIsHeldIsSentAgainOnceItIsFree)
+{
+    ASSERT_EQ(0, load("GetUpgradeState app_update ipc:///tmp/up.ipc\n"));
+    Peer update("ipc:///tmp/up.ipc", NN_PAIR, {{msg("GetUpgradeState", R"({"Result":"OK"})")}});
+    NnSocket holder(nn_socket(AF_SP, NN_PAIR));
+    ASSERT_GE(nn_connect(holder.get(), "ipc:///tmp/up.ipc"), 0);
+    ASSERT_TRUE(ts::eventually([&] { return nn_get_statistic(holder.get(), NN_STAT_ESTABLISHED_CONNECTIONS) == 1; }));
+
+    EventLoop loop;
+    EventLoop::Scope scope(loop);
+    ts::Capture out(1), err(2);
+    Relay r("GetUpgradeState", "{}");
+    // Until the server's connection has been refused at least twice (the request was lost).
+    long long give_up = ts::now_ms() + 5000;
+    while ((table[0].msg_fd < 0 || nn_get_statistic(table[0].msg_fd, NN_STAT_BROKEN_CONNECTIONS) < 2) &&
+           ts::now_ms() < give_up)
+        loop.run_once(10);
+    ASSERT_FALSE(r.ended);
+    EXPECT_TRUE(update.requests().empty());
+    holder.reset();
+    run_until_ended(loop, {&r});
+    EXPECT_EQ(0, r.code) << r.reason;
+    EXPECT_EQ(1u, update.requests().size()) << "delivered once";
 }
 
 } // namespace

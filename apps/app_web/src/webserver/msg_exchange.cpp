@@ -108,6 +108,7 @@ public:
     void finish(int code)
     {
         watch_.reset();
+        resend_watch_.reset();
         timer_.reset();
         if (following_upgrade())
             upgrade_status.running = false;
@@ -139,14 +140,50 @@ private:
     {
         watch_.reset();
         timer_.reset();
-        request_.reset();
+        if (upgrade_socket_)
+            resend_on_reconnect();
+        else
+            request_.reset();
         int timeout = http_msg_recv_timeout(command_.c_str(), upgrade_socket_);
         if (following_upgrade())
             HTTP_ERROR_AS("http_msg_socket_recv", "http_msg_upgrade_fd timeo=%d\n", timeout);
         if (receive_ready())
             return;
         watch_ = loop_.watch(signal_fd(fd_, NN_RCVFD), EPOLLIN, [this](uint32_t) { receive_ready(); });
+        if (!watch_) {
+            receive_failed(errno);
+            return;
+        }
         arm_receive_timer();
+    }
+
+    // A bound pair socket takes one connection at a time and drops any other after the
+    // handshake, with what was already written into it: the upgrade application still
+    // holding the connection before this one (its end is seen a moment later) loses the
+    // request, and the exchange would wait out its whole time-out. Until the first reply,
+    // each new connection of the socket gets the request again, as a request socket does by
+    // itself when the connection its request went out on breaks. The count is read after
+    // the send, so a request is never sent twice on one connection.
+    void resend_on_reconnect()
+    {
+        connections_ = nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS);
+        // The send descriptor is signalled again each time a new connection can take a message.
+        resend_watch_ = loop_.watch(signal_fd(fd_, NN_SNDFD), EPOLLIN | EPOLLET, [this](uint32_t) {
+            if (nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) == connections_)
+                return;
+            if (http_msg_socket_send(request_.get(), strlen(request_.get()) + 1, fd_) < 0)
+                return;  // the next connection tries again
+            HTTP_DEBUG("http send data:%s\n", request_.get());
+            connections_ = nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS);
+        });
+    }
+
+    void receive_failed(int err)
+    {
+        HTTP_ERROR_AS("http_msg_socket_recv", "errno is: %d\n", err);
+        HTTP_ERROR_AS("http_msg_socket_recv", "http recv fail ! :%s\n",
+                      http_msg_reason(HTTP_MSG_FAILED, result_.reason));
+        finish(HTTP_MSG_FAILED);
     }
 
     bool following_upgrade() const { return upgrade_socket_ && command_ == kStartUpgrade; }
@@ -172,13 +209,13 @@ private:
                 int err = nn_errno();
                 if (err == EAGAIN || err == EINTR)
                     return false;
-                HTTP_ERROR_AS("http_msg_socket_recv", "errno is: %d\n", err);
-                HTTP_ERROR_AS("http_msg_socket_recv", "http recv fail ! :%s\n",
-                              http_msg_reason(HTTP_MSG_FAILED, result_.reason));
-                finish(HTTP_MSG_FAILED);
+                receive_failed(err);
                 return true;
             }
             NnMsgPtr msg(buf);
+            // Something came back: the request got through.
+            resend_watch_.reset();
+            request_.reset();
             CJsonPtr tree;
             cJSON *response = nullptr;
             int code = http_check_reply(static_cast<const char *>(buf), static_cast<size_t>(got), command_.c_str(),
@@ -218,6 +255,8 @@ private:
     ExchangeDone done_;
     HeapText request_;
     EventLoop::Watch watch_;
+    EventLoop::Watch resend_watch_;  // upgrade socket, until the first reply
+    uint64_t connections_ = 0;       // the socket's connections made when the request last went out
     EventLoop::Timer timer_;
 };
 

@@ -47,6 +47,21 @@ protected:
     static inline std::unique_ptr<ts::Process> server;
 };
 
+// The same bytes sent as app.js to a gzip client and as app.js.gz by their own name are two
+// different replies, also once both have been sent before.
+TEST_F(Precompressed, TheCompressedFileAskedByItsOwnNameIsNoEncodedReply)
+{
+    for (int round = 0; round < 2; ++round) {
+        ts::HttpReply packed = get("/js/app.js", {"Accept-Encoding: gzip"});
+        EXPECT_EQ("gzip", packed.headers["content-encoding"]);
+        EXPECT_EQ("application/javascript", packed.headers["content-type"]);
+        ts::HttpReply named = get("/js/app.js.gz", {"Accept-Encoding: gzip"});
+        EXPECT_EQ(kPacked, named.body);
+        EXPECT_EQ("", named.headers["content-encoding"]) << "round " << round;
+        EXPECT_NE("application/javascript", named.headers["content-type"]) << "round " << round;
+    }
+}
+
 TEST_F(Precompressed, TheCompressedFileGoesOnlyToClientsWhoseAcceptEncodingAdmitsGzip)
 {
     const struct {

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
@@ -57,6 +58,59 @@ TEST_F(Serving, HeadAnswersTheHeadersAlone)
     EXPECT_EQ(200, h.status);
     EXPECT_EQ("", h.body);
     EXPECT_EQ(std::to_string(ts::read_file("/mnt/app/web_root/login.html").size()), h.headers["content-length"]);
+}
+
+TEST_F(Serving, LastModifiedIsTheFilesTimeInHttpForm)
+{
+    ts::write_file("/mnt/app/web_root/dated.txt", "x");
+    for (const auto &[seconds, date] : {std::pair{951782709L, "Tue, 29 Feb 2000 00:05:09 GMT"},
+                                        {1735689599L, "Tue, 31 Dec 2024 23:59:59 GMT"},
+                                        {0L, "Thu, 01 Jan 1970 00:00:00 GMT"}}) {
+        timespec times[2] = {{seconds, 0}, {seconds, 0}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, "/mnt/app/web_root/dated.txt", times, 0));
+        EXPECT_EQ(date, get("/dated.txt").headers["last-modified"]);
+    }
+}
+
+// Small documents are kept ready between requests: a change to the file shows at once.
+TEST_F(Serving, ADocumentRewrittenInPlaceWithItsSizeAndTimeIsSentAnew)
+{
+    const char *file = "/mnt/app/web_root/kept.txt";
+    ts::write_file(file, "first version");
+    struct stat before {};
+    ASSERT_EQ(0, stat(file, &before));
+    EXPECT_EQ("first version", get("/kept.txt").body);
+    EXPECT_EQ("first version", get("/kept.txt").body);
+    ts::write_file(file, "other version");
+    timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, file, times, 0));
+    EXPECT_EQ("other version", get("/kept.txt").body);
+}
+
+TEST_F(Serving, ADocumentReplacedByARenameIsSentAnew)
+{
+    ts::write_file("/mnt/app/web_root/renamed.txt", "first version");
+    EXPECT_EQ("first version", get("/renamed.txt").body);
+    ts::write_file("/mnt/app/web_root/renamed.new", "other version");
+    ASSERT_EQ(0, rename("/mnt/app/web_root/renamed.new", "/mnt/app/web_root/renamed.txt"));
+    EXPECT_EQ("other version", get("/renamed.txt").body);
+}
+
+// More small documents than are kept ready: each reply still carries its own file.
+TEST_F(Serving, ManySmallDocumentsInTurnEachGetTheirOwnReply)
+{
+    ts::make_dirs("/mnt/app/web_root/many");
+    for (int i = 0; i < 40; ++i)
+        ts::write_file("/mnt/app/web_root/many/" + std::to_string(i) + (i % 2 ? ".txt" : ".css"),
+                       "document " + std::to_string(i));
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 40; ++i) {
+            ts::HttpReply r = get("/many/" + std::to_string(i) + (i % 2 ? ".txt" : ".css"));
+            EXPECT_EQ("document " + std::to_string(i), r.body);
+            EXPECT_EQ(i % 2 ? "text/plain; charset=utf-8" : "text/css", r.headers["content-type"]) << i;
+            EXPECT_EQ("nosniff", r.headers["x-content-type-options"]);
+        }
+    }
 }
 
 TEST_F(Serving, AnUnchangedPageGets304)

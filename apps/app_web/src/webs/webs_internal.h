@@ -6,6 +6,7 @@
 #include "common/growing_buffer.h"
 #include "common/owners.h"
 #include "webs/webs.h"
+#include "webs/webs_doc_cache.h"
 
 #include <atomic>
 #include <chrono>
@@ -190,6 +191,10 @@ int request_finish_body(WebsPrivate *r);
 
 // Adds the headers every reply carries and queues it; the response is released.
 MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Response *response);
+// The same in two steps, for a response kept to be sent again: the headers every reply
+// carries, then the queueing, which leaves the caller's reference alone.
+void add_reply_headers(MHD_Response *response);
+MHD_Result queue_ready_response(MHD_Connection *connection, unsigned status, MHD_Response *response);
 // Queues the layer's HTML error page (with an Allow header when allow is given; ending the
 // connection after it when close is set).
 MHD_Result queue_error_page(MHD_Connection *connection, unsigned status, const char *message,
@@ -235,6 +240,7 @@ struct DocumentConfig {
     const std::vector<Route> *routes;  // to check where a resolved path really lies
 };
 const DocumentConfig &document_config();
+DocumentCache &document_cache();
 
 MHD_Result serve_document(MHD_Connection *connection, const char *method, std::string_view path);
 const char *mime_type(std::string_view path);

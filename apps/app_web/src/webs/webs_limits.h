@@ -91,5 +91,8 @@ constexpr size_t kMaxConfigLine = 1024;
 // Files served from memory instead of sendfile (an open + read costs less than setting up
 // a file response for these).
 constexpr uint64_t kMaxMemoryFile = 16 * 1024;
+// Ready replies kept for such files: the console's pages, scripts and pictures of that size
+// fit, and the bodies held stay under 16 x kMaxMemoryFile = 256 KiB.
+constexpr size_t kCachedDocuments = 16;
 
 } // namespace webs_limits

@@ -93,19 +93,30 @@ std::string html_escape(std::string_view text)
     return out;
 }
 
-MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Response *response)
+void add_reply_headers(MHD_Response *response)
 {
-    if (!response)
-        return MHD_NO;
     for (const SecurityHeader &h : kSecurityHeaders)
         MHD_add_response_header(response, h.name, h.value);
+}
+
+MHD_Result queue_ready_response(MHD_Connection *connection, unsigned status, MHD_Response *response)
+{
     // The lines the request wrote come out before its reply can reach the client, who may
     // read the log as soon as it has the answer.
     log_flush();
     MHD_Result rc = MHD_queue_response(connection, status, response);
-    MHD_destroy_response(response);
     if (debug_mode())
         trace(kRequestTraceLevel, "reply %u%s\n", status, rc == MHD_YES ? "" : " (not sent)");
+    return rc;
+}
+
+MHD_Result queue_response(MHD_Connection *connection, unsigned status, MHD_Response *response)
+{
+    if (!response)
+        return MHD_NO;
+    add_reply_headers(response);
+    MHD_Result rc = queue_ready_response(connection, status, response);
+    MHD_destroy_response(response);
     return rc;
 }
 

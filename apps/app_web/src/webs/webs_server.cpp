@@ -40,6 +40,7 @@ struct Server {
     bool closing = false;  // websClose runs: requests still waiting are answered 503
     std::string documents;
     DocumentConfig docs;
+    DocumentCache cache;
     std::vector<Route> routes;
     std::string ipaddr, host;
     std::string device_name;  // the host name a browser may use for the device (besides literals)
@@ -493,6 +494,7 @@ void on_loop(WebsPrivate *r, void (*fn)(WebsPrivate *))
 }  // namespace
 
 const DocumentConfig &document_config() { return srv->docs; }
+DocumentCache &document_cache() { return srv->cache; }
 
 void reply_completed(WebsPrivate *r)
 {

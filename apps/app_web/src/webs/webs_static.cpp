@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -133,12 +134,19 @@ Range parse_range(const char *header, uint64_t size)
     return r;
 }
 
+// An HTTP date (RFC 9110 IMF-fixdate). Written out by hand: strftime calls tzset, which
+// reads /etc/localtime again on every call (seven system calls per page served).
 std::string http_date(time_t t)
 {
+    static const char kDays[7][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char kMonths[12][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     struct tm tm;
+    if (!gmtime_r(&t, &tm))
+        return "Thu, 01 Jan 1970 00:00:00 GMT";
     char buf[64];
-    gmtime_r(&t, &tm);
-    strftime(buf, sizeof buf, "%a, %d %b %Y %H:%M:%S GMT", &tm);
+    snprintf(buf, sizeof buf, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[tm.tm_wday], tm.tm_mday,
+             kMonths[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
     return buf;
 }
 
@@ -287,15 +295,19 @@ bool accepts_gzip(const char *header)
     return named >= 0 ? named == 1 : any == 1;
 }
 
-MHD_Response *file_response(UniqueFd fd, uint64_t offset, uint64_t length, bool head)
+// A response with the file's bytes from offset; *in_memory tells whether they were read into
+// it (else libmicrohttpd reads the file, which it then owns).
+MHD_Response *file_response(UniqueFd fd, uint64_t offset, uint64_t length, bool head, bool *in_memory)
 {
     // For HEAD, libmicrohttpd sends the headers of the file response (Content-Length
     // included) and never reads the file.
     if (!head && length <= webs_limits::kMaxMemoryFile) {
         char buf[webs_limits::kMaxMemoryFile];
         ssize_t n = length ? pread(fd.get(), buf, length, static_cast<off_t>(offset)) : 0;
-        if (n == static_cast<ssize_t>(length))
+        if (n == static_cast<ssize_t>(length)) {
+            *in_memory = true;
             return MHD_create_response_from_buffer(length, buf, MHD_RESPMEM_MUST_COPY);
+        }
         // A file that changed under us: fall through to a file response, which reports it.
     }
     MHD_Response *response = MHD_create_response_from_fd_at_offset64(length, fd.get(), offset);
@@ -376,9 +388,17 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
         return queue_response(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response);
     }
     bool part = range.kind == RangeKind::Part;
+    // A small document sent whole is kept ready for the next request.
+    DocumentKey key{resolved, type, send_packed, has_packed};
+    bool whole_small = !part && !head && size <= webs_limits::kMaxMemoryFile;
+    if (whole_small) {
+        if (MHD_Response *ready = document_cache().find(key, st))
+            return queue_ready_response(connection, MHD_HTTP_OK, ready);
+    }
     uint64_t offset = part ? range.first : 0;
     uint64_t length = part ? range.last - range.first + 1 : size;
-    MHD_Response *response = file_response(std::move(fd), offset, length, head);
+    bool in_memory = false;
+    MHD_Response *response = file_response(std::move(fd), offset, length, head, &in_memory);
     if (!response) {
         HTTP_ERROR("cannot answer with %s\n", resolved.c_str());
         return queue_error_page(connection, MHD_HTTP_INTERNAL_SERVER_ERROR, "Cannot read document");
@@ -394,7 +414,11 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
                             std::to_string(size);
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, value.c_str());
     }
-    return queue_response(connection, part ? MHD_HTTP_PARTIAL_CONTENT : MHD_HTTP_OK, response);
+    if (!whole_small || !in_memory)
+        return queue_response(connection, part ? MHD_HTTP_PARTIAL_CONTENT : MHD_HTTP_OK, response);
+    add_reply_headers(response);
+    document_cache().keep(key, st, response);
+    return queue_ready_response(connection, MHD_HTTP_OK, response);
 }
 
 }  // namespace webs

@@ -146,7 +146,7 @@ struct WebsPrivate {
 
     std::string url;     // raw request target
     std::string method;
-    std::string peer;    // the client's IP address as text
+    std::string peer;    // the client's IP address as text (for an action)
     std::string path;    // decoded, checked path of a static document
     WebsAction proc = nullptr;
     std::function<void(Webs *)> next;  // what runs once the body is complete

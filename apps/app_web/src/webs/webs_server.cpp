@@ -297,7 +297,6 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method, co
 {
     r->method = method;
     r->conn = connection_of(r->connection);
-    r->peer = peer_text(r->connection);
     connection_request_started(r->conn);
     unsigned status = 0;
     if (const char *why = refused_before_routing(r, method, version, &status)) {
@@ -339,6 +338,7 @@ MHD_Result begin_request(WebsPrivate *r, const char *url, const char *method, co
         return send_refusal(r);
     }
     r->proc = it->second;
+    r->peer = peer_text(r->connection);  // for the actions alone: documents never need it
     r->state = RequestState::Deciding;
     fill_head(r);
     return call_action(r, [r](Webs *wp) { r->proc(wp); });

@@ -358,7 +358,6 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
     };
 
     uint64_t size = static_cast<uint64_t>(st.st_size);
-    std::string modified = http_date(st.st_mtime);
     // NAME's type (a link's target names it), also for NAME.gz.
     const char *type = mime_type(has_plain ? plain.resolved : plain.relative);
     if (std::string_view(resolved).substr(cfg.root.size()).starts_with(kPictureFolder) &&
@@ -370,7 +369,7 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
         MHD_Response *response = MHD_create_response_from_buffer(0, const_cast<char *>(""), MHD_RESPMEM_PERSISTENT);
         if (!response)
             return MHD_NO;
-        MHD_add_response_header(response, MHD_HTTP_HEADER_LAST_MODIFIED, modified.c_str());
+        MHD_add_response_header(response, MHD_HTTP_HEADER_LAST_MODIFIED, http_date(st.st_mtime).c_str());
         add_vary(response);
         return queue_response(connection, MHD_HTTP_NOT_MODIFIED, response);
     }
@@ -404,7 +403,7 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
         return queue_error_page(connection, MHD_HTTP_INTERNAL_SERVER_ERROR, "Cannot read document");
     }
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
-    MHD_add_response_header(response, MHD_HTTP_HEADER_LAST_MODIFIED, modified.c_str());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_LAST_MODIFIED, http_date(st.st_mtime).c_str());
     MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
     add_vary(response);
     if (send_packed)

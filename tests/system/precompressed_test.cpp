@@ -47,6 +47,19 @@ protected:
     static inline std::unique_ptr<ts::Process> server;
 };
 
+// A reply kept for NAME depends on NAME.gz too: one that appears later is seen at once.
+TEST_F(Precompressed, ACopyThatAppearsAfterAPageWasSentChangesTheNextReply)
+{
+    ts::write_file(std::string(kRoot) + "/js/late.js", kPlain);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ("", get("/js/late.js").headers["vary"]);
+        EXPECT_EQ(kPlain, get("/js/late.js", {"Accept-Encoding: gzip"}).body);
+    }
+    ts::write_file(std::string(kRoot) + "/js/late.js.gz", kPacked);
+    EXPECT_EQ("Accept-Encoding", get("/js/late.js").headers["vary"]);
+    EXPECT_EQ(kPacked, get("/js/late.js", {"Accept-Encoding: gzip"}).body);
+}
+
 // The same bytes sent as app.js to a gzip client and as app.js.gz by their own name are two
 // different replies, also once both have been sent before.
 TEST_F(Precompressed, TheCompressedFileAskedByItsOwnNameIsNoEncodedReply)

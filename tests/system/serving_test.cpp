@@ -96,6 +96,18 @@ TEST_F(Serving, ADocumentReplacedByARenameIsSentAnew)
     EXPECT_EQ("other version", get("/renamed.txt").body);
 }
 
+TEST_F(Serving, AKeptDocumentReplacedByALinkOutOfTheRootIsRefused)
+{
+    ts::write_file("/mnt/app/web_root/swapped.txt", "public text");
+    EXPECT_EQ("public text", get("/swapped.txt").body);
+    EXPECT_EQ("public text", get("/swapped.txt").body);
+    ASSERT_EQ(0, unlink("/mnt/app/web_root/swapped.txt"));
+    ASSERT_EQ(0, symlink("/mnt/secret.txt", "/mnt/app/web_root/swapped.txt"));
+    ts::HttpReply r = get("/swapped.txt");
+    EXPECT_EQ(404, r.status);
+    EXPECT_EQ(std::string::npos, r.body.find("TOPSECRET"));
+}
+
 // More small documents than are kept ready: each reply still carries its own file.
 TEST_F(Serving, ManySmallDocumentsInTurnEachGetTheirOwnReply)
 {

@@ -10,6 +10,7 @@
 #include "webserver/routing_table.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -91,7 +92,14 @@ public:
         request_ = std::move(request);
         HTTP_DEBUG("http send data:%s\n", request_.get());
         if (!try_send()) {
-            timer_ = loop_.after(std::chrono::milliseconds(HTTP_MSG_SEND_TIMEOUT_MS), [this] { send_failed(); });
+            // At the deadline the socket gets a last try: a connection that came up in this
+            // very turn may not have been reported yet.
+            timer_ = loop_.after(std::chrono::milliseconds(HTTP_MSG_SEND_TIMEOUT_MS), [this] {
+                if (try_send())
+                    sent();
+                else
+                    send_failed();
+            });
             watch_ = loop_.watch(signal_fd(fd_, NN_SNDFD), EPOLLIN, [this](uint32_t) {
                 if (try_send())
                     sent();
@@ -133,15 +141,15 @@ private:
     void send_failed()
     {
         HTTP_ERROR_AS("http_msg_socket_send", "http send data fail bytes=%d\n", -1);
-        sent();
+        sent(false);
     }
 
-    void sent()
+    void sent(bool delivered = true)
     {
         watch_.reset();
         timer_.reset();
         if (upgrade_socket_)
-            resend_on_reconnect();
+            resend_on_reconnect(delivered);
         else
             request_.reset();
         int timeout = http_msg_recv_timeout(command_.c_str(), upgrade_socket_);
@@ -163,13 +171,15 @@ private:
     // request, and the exchange would wait out its whole time-out. Until the first reply,
     // each new connection of the socket gets the request again, as a request socket does by
     // itself when the connection its request went out on breaks. The count is read after
-    // the send, so a request is never sent twice on one connection.
-    void resend_on_reconnect()
+    // the send, so a request is never sent twice on one connection; a request that never
+    // left goes out on the connection there is now, if any.
+    void resend_on_reconnect(bool delivered)
     {
-        connections_ = nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS);
-        // The send descriptor is signalled again each time a new connection can take a message.
+        connections_ = delivered ? nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) : kNotSent;
+        // The send descriptor is signalled again each time a new connection can take a
+        // message (and reports at once when one can now).
         resend_watch_ = loop_.watch(signal_fd(fd_, NN_SNDFD), EPOLLIN | EPOLLET, [this](uint32_t) {
-            if (nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) == connections_)
+            if (connections_ != kNotSent && nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) == connections_)
                 return;
             if (http_msg_socket_send(request_.get(), strlen(request_.get()) + 1, fd_) < 0)
                 return;  // the next connection tries again
@@ -256,7 +266,8 @@ private:
     HeapText request_;
     EventLoop::Watch watch_;
     EventLoop::Watch resend_watch_;  // upgrade socket, until the first reply
-    uint64_t connections_ = 0;       // the socket's connections made when the request last went out
+    static constexpr uint64_t kNotSent = UINT64_MAX;
+    uint64_t connections_ = kNotSent;  // the socket's connections made when the request last went out
     EventLoop::Timer timer_;
 };
 

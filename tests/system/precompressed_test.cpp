@@ -3,8 +3,10 @@
 // the others; ranges, HEAD and If-Modified-Since apply to the file sent.
 #include "testsupport.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -50,12 +52,15 @@ protected:
 // A reply kept for NAME depends on NAME.gz too: one that appears later is seen at once.
 TEST_F(Precompressed, ACopyThatAppearsAfterAPageWasSentChangesTheNextReply)
 {
-    ts::write_file(std::string(kRoot) + "/js/late.js", kPlain);
+    const std::string page = std::string(kRoot) + "/js/late.js";
+    ts::write_file(page, kPlain);
+    timespec hour_ago[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, page.c_str(), hour_ago, 0));  // old enough to be kept
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ("", get("/js/late.js").headers["vary"]);
         EXPECT_EQ(kPlain, get("/js/late.js", {"Accept-Encoding: gzip"}).body);
     }
-    ts::write_file(std::string(kRoot) + "/js/late.js.gz", kPacked);
+    ts::write_file(page + ".gz", kPacked);
     EXPECT_EQ("Accept-Encoding", get("/js/late.js").headers["vary"]);
     EXPECT_EQ(kPacked, get("/js/late.js", {"Accept-Encoding: gzip"}).body);
 }

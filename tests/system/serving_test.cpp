@@ -5,9 +5,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -72,33 +72,36 @@ TEST_F(Serving, LastModifiedIsTheFilesTimeInHttpForm)
     }
 }
 
-// Small documents are kept ready between requests: a change to the file shows at once.
-TEST_F(Serving, ADocumentRewrittenInPlaceWithItsSizeAndTimeIsSentAnew)
+// Small documents unchanged for a while are kept ready between requests; the files below are
+// written as an hour old, so that their replies are kept.
+void write_settled(const std::string &file, const std::string &text)
 {
-    const char *file = "/mnt/app/web_root/kept.txt";
-    ts::write_file(file, "first version");
-    struct stat before {};
-    ASSERT_EQ(0, stat(file, &before));
+    ts::write_file(file, text);
+    timespec hour_ago[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, file.c_str(), hour_ago, 0)) << file;
+}
+
+TEST_F(Serving, AKeptDocumentRewrittenInPlaceIsSentAnew)
+{
+    write_settled("/mnt/app/web_root/kept.txt", "first version");
     EXPECT_EQ("first version", get("/kept.txt").body);
     EXPECT_EQ("first version", get("/kept.txt").body);
-    ts::write_file(file, "other version");
-    timespec times[2] = {before.st_atim, before.st_mtim};
-    ASSERT_EQ(0, utimensat(AT_FDCWD, file, times, 0));
+    ts::write_file("/mnt/app/web_root/kept.txt", "other version");  // same size
     EXPECT_EQ("other version", get("/kept.txt").body);
 }
 
-TEST_F(Serving, ADocumentReplacedByARenameIsSentAnew)
+TEST_F(Serving, AKeptDocumentReplacedByARenameIsSentAnew)
 {
-    ts::write_file("/mnt/app/web_root/renamed.txt", "first version");
+    write_settled("/mnt/app/web_root/renamed.txt", "first version");
     EXPECT_EQ("first version", get("/renamed.txt").body);
-    ts::write_file("/mnt/app/web_root/renamed.new", "other version");
+    write_settled("/mnt/app/web_root/renamed.new", "other version");  // same size and times
     ASSERT_EQ(0, rename("/mnt/app/web_root/renamed.new", "/mnt/app/web_root/renamed.txt"));
     EXPECT_EQ("other version", get("/renamed.txt").body);
 }
 
 TEST_F(Serving, AKeptDocumentReplacedByALinkOutOfTheRootIsRefused)
 {
-    ts::write_file("/mnt/app/web_root/swapped.txt", "public text");
+    write_settled("/mnt/app/web_root/swapped.txt", "public text");
     EXPECT_EQ("public text", get("/swapped.txt").body);
     EXPECT_EQ("public text", get("/swapped.txt").body);
     ASSERT_EQ(0, unlink("/mnt/app/web_root/swapped.txt"));
@@ -108,21 +111,54 @@ TEST_F(Serving, AKeptDocumentReplacedByALinkOutOfTheRootIsRefused)
     EXPECT_EQ(std::string::npos, r.body.find("TOPSECRET"));
 }
 
-// More small documents than are kept ready: each reply still carries its own file.
+// Moving a folder leaves its files' state as it was: the way to them decides.
+TEST_F(Serving, AKeptDocumentWhoseFolderMovedOutOfTheRootBehindALinkIsRefused)
+{
+    ts::make_dirs("/mnt/app/web_root/moving");
+    write_settled("/mnt/app/web_root/moving/page.txt", "moving page");
+    EXPECT_EQ("moving page", get("/moving/page.txt").body);
+    EXPECT_EQ("moving page", get("/moving/page.txt").body);
+    ASSERT_EQ(0, rename("/mnt/app/web_root/moving", "/mnt/moved"));
+    ASSERT_EQ(0, symlink("/mnt/moved", "/mnt/app/web_root/moving"));
+    EXPECT_EQ(404, get("/moving/page.txt").status);
+}
+
+TEST_F(Serving, ALinkSwitchedToAnotherFolderServesThatFolder)
+{
+    ts::make_dirs("/mnt/app/web_root/v1");
+    ts::make_dirs("/mnt/app/web_root/v2");
+    write_settled("/mnt/app/web_root/v1/app.txt", "version 1");
+    write_settled("/mnt/app/web_root/v2/app.txt", "version 2");
+    ASSERT_EQ(0, symlink("v1", "/mnt/app/web_root/ui"));
+    EXPECT_EQ("version 1", get("/ui/app.txt").body);
+    EXPECT_EQ("version 1", get("/ui/app.txt").body);
+    ASSERT_EQ(0, symlink("v2", "/mnt/app/web_root/ui.new"));
+    ASSERT_EQ(0, rename("/mnt/app/web_root/ui.new", "/mnt/app/web_root/ui"));
+    EXPECT_EQ("version 2", get("/ui/app.txt").body);
+}
+
+// More small documents than are kept ready: each reply still carries its own file, and
+// its headers once each.
 TEST_F(Serving, ManySmallDocumentsInTurnEachGetTheirOwnReply)
 {
     ts::make_dirs("/mnt/app/web_root/many");
     for (int i = 0; i < 40; ++i)
-        ts::write_file("/mnt/app/web_root/many/" + std::to_string(i) + (i % 2 ? ".txt" : ".css"),
-                       "document " + std::to_string(i));
+        write_settled("/mnt/app/web_root/many/" + std::to_string(i) + (i % 2 ? ".txt" : ".css"),
+                      "document " + std::to_string(i));
     for (int round = 0; round < 3; ++round) {
         for (int i = 0; i < 40; ++i) {
             ts::HttpReply r = get("/many/" + std::to_string(i) + (i % 2 ? ".txt" : ".css"));
             EXPECT_EQ("document " + std::to_string(i), r.body);
             EXPECT_EQ(i % 2 ? "text/plain; charset=utf-8" : "text/css", r.headers["content-type"]) << i;
-            EXPECT_EQ("nosniff", r.headers["x-content-type-options"]);
+            EXPECT_EQ("nosniff", r.headers["x-content-type-options"]) << i;
         }
     }
+    std::string raw = ts::raw_http(port, "GET /many/1.txt HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+    size_t headers = 0;
+    for (size_t at = raw.find("X-Content-Type-Options:"); at != std::string::npos;
+         at = raw.find("X-Content-Type-Options:", at + 1))
+        ++headers;
+    EXPECT_EQ(1u, headers) << raw;
 }
 
 TEST_F(Serving, AnUnchangedPageGets304)

@@ -3,31 +3,19 @@
 #include "webs/webs_limits.h"
 
 #include <algorithm>
-#include <fcntl.h>
 
 namespace webs {
 
 namespace {
 
-bool same(const FileState &a, const FileState &b)
+bool same_file(const struct stat &a, const struct stat &b)
 {
-    if (a.present != b.present)
-        return false;
-    const struct stat &x = a.st, &y = b.st;
-    return !a.present || (x.st_dev == y.st_dev && x.st_ino == y.st_ino && x.st_mode == y.st_mode &&
-                          x.st_size == y.st_size && x.st_mtim.tv_sec == y.st_mtim.tv_sec &&
-                          x.st_mtim.tv_nsec == y.st_mtim.tv_nsec && x.st_ctim.tv_sec == y.st_ctim.tv_sec &&
-                          x.st_ctim.tv_nsec == y.st_ctim.tv_nsec);
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
 }  // namespace
-
-FileState file_state(int root_fd, const std::string &relative)
-{
-    FileState s;
-    s.present = fstatat(root_fd, relative.c_str(), &s.st, AT_SYMLINK_NOFOLLOW) == 0;
-    return s;
-}
 
 DocumentCache::~DocumentCache()
 {
@@ -35,13 +23,12 @@ DocumentCache::~DocumentCache()
         MHD_destroy_response(e.response);
 }
 
-MHD_Response *DocumentCache::find(int root_fd, std::string_view asked, bool gzip)
+MHD_Response *DocumentCache::find(const DocumentKey &key, const struct stat &st)
 {
     for (Entry &e : entries_) {
-        if (e.gzip != gzip || e.asked != asked)
+        if (!e.is(key))
             continue;
-        const Sources &s = e.sources;
-        if (!same(file_state(root_fd, s.sent), s.sent_state) || !same(file_state(root_fd, s.packed), s.packed_state))
+        if (!same_file(e.st, st))
             return nullptr;  // replaced by keep() once the new reply is made
         e.used = ++turn_;
         return e.response;
@@ -49,11 +36,10 @@ MHD_Response *DocumentCache::find(int root_fd, std::string_view asked, bool gzip
     return nullptr;
 }
 
-void DocumentCache::keep(std::string_view asked, bool gzip, Sources sources, MHD_Response *response)
+void DocumentCache::keep(const DocumentKey &key, const struct stat &st, MHD_Response *response)
 {
-    auto it = std::find_if(entries_.begin(), entries_.end(),
-                           [&](const Entry &e) { return e.gzip == gzip && e.asked == asked; });
-    Entry *slot = it != entries_.end() ? &*it : nullptr;
+    auto same = std::find_if(entries_.begin(), entries_.end(), [&](const Entry &e) { return e.is(key); });
+    Entry *slot = same != entries_.end() ? &*same : nullptr;
     if (!slot && entries_.size() < webs_limits::kCachedDocuments)
         slot = &entries_.emplace_back();
     if (!slot)
@@ -61,7 +47,7 @@ void DocumentCache::keep(std::string_view asked, bool gzip, Sources sources, MHD
                                   [](const Entry &a, const Entry &b) { return a.used < b.used; });
     if (slot->response)
         MHD_destroy_response(slot->response);
-    *slot = Entry{std::string(asked), gzip, std::move(sources), response, ++turn_};
+    *slot = Entry{std::string(key.path), key.type, key.packed, key.vary, st, response, ++turn_};
 }
 
 }  // namespace webs

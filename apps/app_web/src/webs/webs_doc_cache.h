@@ -1,10 +1,9 @@
-// Ready replies of small documents sent whole (GET, no range, no If-Modified-Since), so
-// that a page asked for again goes out with two stats instead of being opened, read and
-// given its headers anew. A reply serves only while the two files it was decided by are
-// as they were: the file sent (device, inode, size, modification and change times) and its
-// precompressed copy NAME.gz (present or not, and the same), which decides Vary. Replies
-// of a NAME.gz are not kept. The longest unused entry makes room for a new one. Used on the
-// event loop only.
+// Ready replies of small documents sent whole, so that a page asked for again goes out
+// without reading its file or building its headers anew. Each request still finds and opens
+// its file the whole way (links, root, routes, the precompressed copy); the kept reply then
+// serves only while the file opened is the one it was made from: same device, inode, size,
+// modification and change times. The longest unused entry makes room for a new one. Used
+// on the event loop only.
 #pragma once
 
 #include <cstdint>
@@ -16,12 +15,13 @@
 
 namespace webs {
 
-// A file below the document root as fstatat sees it, a last link not followed.
-struct FileState {
-    bool present = false;
-    struct stat st {};
+// What a reply depends on besides the file's state.
+struct DocumentKey {
+    std::string_view path;  // the file sent, resolved
+    const char *type;  // its Content-Type, one of the layer's fixed texts
+    bool packed;       // sent with Content-Encoding: gzip
+    bool vary;         // carries Vary: Accept-Encoding
 };
-FileState file_state(int root_fd, const std::string &relative);
 
 class DocumentCache {
 public:
@@ -30,29 +30,25 @@ public:
     DocumentCache &operator=(const DocumentCache &) = delete;
     ~DocumentCache();
 
-    // The reply kept for the path asked (below the root) by a client that does or does not
-    // accept gzip, while its files are unchanged; else nullptr. The cache keeps its
-    // reference: the caller queues the reply and destroys nothing.
-    MHD_Response *find(int root_fd, std::string_view asked, bool gzip);
-
-    // What a kept reply was made from: the file sent and its precompressed copy, each
-    // below the root with the state it had before the reply was decided.
-    struct Sources {
-        std::string sent;
-        FileState sent_state;
-        std::string packed;
-        FileState packed_state;
-    };
-    // Takes over the caller's reference to response, the reply to asked.
-    void keep(std::string_view asked, bool gzip, Sources sources, MHD_Response *response);
+    // The reply kept for key while its file is in the state st, or nullptr. The cache keeps
+    // its reference: the caller queues the reply and destroys nothing.
+    MHD_Response *find(const DocumentKey &key, const struct stat &st);
+    // Takes over the caller's reference to response, the reply for key with its file in the
+    // state st.
+    void keep(const DocumentKey &key, const struct stat &st, MHD_Response *response);
 
 private:
     struct Entry {
-        std::string asked;
-        bool gzip = false;
-        Sources sources;
+        std::string path;
+        const char *type = nullptr;
+        bool packed = false, vary = false;
+        struct stat st {};
         MHD_Response *response = nullptr;
         uint64_t used = 0;  // turn of its last use: the smallest goes first
+        bool is(const DocumentKey &k) const
+        {
+            return k.type == type && k.packed == packed && k.vary == vary && k.path == path;
+        }
     };
     std::vector<Entry> entries_;
     uint64_t turn_ = 0;

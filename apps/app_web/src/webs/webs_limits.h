@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 namespace webs_limits {
 
@@ -94,5 +95,9 @@ constexpr uint64_t kMaxMemoryFile = 16 * 1024;
 // Ready replies kept for such files: the console's pages, scripts and pictures of that size
 // fit, and the bodies held stay under 16 x kMaxMemoryFile = 256 KiB.
 constexpr size_t kCachedDocuments = 16;
+// A reply is kept only of a file whose modification time is this old: a file written again
+// within one tick of the file system's clock (two seconds on a FAT card) keeps its time, so
+// only a change after that shows in the file's state.
+constexpr time_t kSettledSeconds = 2;
 
 } // namespace webs_limits

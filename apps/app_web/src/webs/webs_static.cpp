@@ -334,24 +334,11 @@ const char *mime_type(std::string_view path)
 MHD_Result serve_document(MHD_Connection *connection, const char *method, std::string_view path)
 {
     const DocumentConfig &cfg = document_config();
-    std::string_view asked = path.substr(1);
-    bool gzip = accepts_gzip(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT_ENCODING));
-    bool head = strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
-    // Whether the reply may be one kept ready: a whole document for GET, without condition.
-    bool may_keep = !head && cfg.root_fd >= 0 &&
-                    !MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE) &&
-                    !MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_IF_MODIFIED_SINCE);
-    if (may_keep) {
-        if (MHD_Response *ready = document_cache().find(cfg.root_fd, asked, gzip))
-            return queue_ready_response(connection, MHD_HTTP_OK, ready);
-    }
-
     Document plain, packed;
-    plain.relative = asked;
+    plain.relative = path.substr(1);
     bool has_plain = open_document(cfg, &plain, true) && fetchable(cfg, plain, method);
     packed.relative = plain.relative + ".gz";
-    // Taken before NAME.gz is looked at: a change from here on shows in the next request.
-    FileState packed_before = may_keep ? file_state(cfg.root_fd, packed.relative) : FileState{};
+    bool gzip = accepts_gzip(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT_ENCODING));
     bool has_packed = false;
     if (gzip)
         has_packed = open_document(cfg, &packed, false) && fetchable(cfg, packed, method);
@@ -376,6 +363,7 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
     if (std::string_view(resolved).substr(cfg.root.size()).starts_with(kPictureFolder) &&
         std::find(std::begin(kPictureTypes), std::end(kPictureTypes), type) == std::end(kPictureTypes))
         return queue_error_page(connection, MHD_HTTP_NOT_FOUND, "Cannot find document");
+    bool head = strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
 
     if (not_modified(connection, st.st_mtime)) {
         MHD_Response *response = MHD_create_response_from_buffer(0, const_cast<char *>(""), MHD_RESPMEM_PERSISTENT);
@@ -399,6 +387,15 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
         return queue_response(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response);
     }
     bool part = range.kind == RangeKind::Part;
+    // A small document sent whole is kept ready for the next request.
+    DocumentKey key{resolved, type, send_packed, has_packed};
+    bool whole_small = !part && !head && size <= webs_limits::kMaxMemoryFile;
+    // A file changed a moment ago may change again without its state showing it.
+    bool settled = time(nullptr) - st.st_mtime >= webs_limits::kSettledSeconds;
+    if (whole_small) {
+        if (MHD_Response *ready = document_cache().find(key, st))
+            return queue_ready_response(connection, MHD_HTTP_OK, ready);
+    }
     uint64_t offset = part ? range.first : 0;
     uint64_t length = part ? range.last - range.first + 1 : size;
     bool in_memory = false;
@@ -418,12 +415,10 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
                             std::to_string(size);
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, value.c_str());
     }
-    // A small document sent whole is kept ready for the next request.
-    if (!may_keep || part || send_packed || !in_memory)
+    if (!whole_small || !settled || !in_memory)
         return queue_response(connection, part ? MHD_HTTP_PARTIAL_CONTENT : MHD_HTTP_OK, response);
     add_reply_headers(response);
-    document_cache().keep(asked, gzip, {resolved.substr(cfg.root.size() + 1), {true, st}, packed.relative, packed_before},
-                          response);
+    document_cache().keep(key, st, response);
     return queue_ready_response(connection, MHD_HTTP_OK, response);
 }
 

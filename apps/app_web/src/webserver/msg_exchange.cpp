@@ -175,15 +175,17 @@ private:
     // left goes out on the connection there is now, if any.
     void resend_on_reconnect(bool delivered)
     {
-        connections_ = delivered ? nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) : kNotSent;
+        sent_once_ = delivered;
+        connections_ = nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS);
         // The send descriptor is signalled again each time a new connection can take a
         // message (and reports at once when one can now).
         resend_watch_ = loop_.watch(signal_fd(fd_, NN_SNDFD), EPOLLIN | EPOLLET, [this](uint32_t) {
-            if (connections_ != kNotSent && nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) == connections_)
+            if (sent_once_ && nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS) == connections_)
                 return;
             if (http_msg_socket_send(request_.get(), strlen(request_.get()) + 1, fd_) < 0)
                 return;  // the next connection tries again
             HTTP_DEBUG("http send data:%s\n", request_.get());
+            sent_once_ = true;
             connections_ = nn_get_statistic(fd_, NN_STAT_ESTABLISHED_CONNECTIONS);
         });
     }
@@ -266,8 +268,8 @@ private:
     HeapText request_;
     EventLoop::Watch watch_;
     EventLoop::Watch resend_watch_;  // upgrade socket, until the first reply
-    static constexpr uint64_t kNotSent = UINT64_MAX;
-    uint64_t connections_ = kNotSent;  // the socket's connections made when the request last went out
+    bool sent_once_ = false;     // the request went out on some connection
+    uint64_t connections_ = 0;  // the socket's connections made when it last went out
     EventLoop::Timer timer_;
 };
 

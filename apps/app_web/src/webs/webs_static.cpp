@@ -390,12 +390,12 @@ MHD_Result serve_document(MHD_Connection *connection, const char *method, std::s
     // A small document sent whole is kept ready for the next request.
     DocumentKey key{resolved, type, send_packed, has_packed};
     bool whole_small = !part && !head && size <= webs_limits::kMaxMemoryFile;
-    // A file changed a moment ago may change again without its state showing it.
-    bool settled = time(nullptr) - st.st_mtime >= webs_limits::kSettledSeconds;
     if (whole_small) {
         if (MHD_Response *ready = document_cache().find(key, st))
             return queue_ready_response(connection, MHD_HTTP_OK, ready);
     }
+    // A file changed a moment ago may change again without its state showing it.
+    bool settled = time(nullptr) - st.st_mtime >= webs_limits::kSettledSeconds;
     uint64_t offset = part ? range.first : 0;
     uint64_t length = part ? range.last - range.first + 1 : size;
     bool in_memory = false;
